@@ -1,0 +1,95 @@
+#include "AtomicFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <vector>
+
+#include "CliError.h"
+
+namespace veltrisca {
+
+namespace {
+
+// The temporary file being written, for the signal handler: an interrupted run must not
+// leave it behind either. One output is written at a time.
+char pending_temp_path[4096];
+volatile sig_atomic_t have_pending_temp = 0;
+
+extern "C" void RemovePendingTempAndDie(int sig) {
+  if (have_pending_temp) unlink(pending_temp_path);
+  std::signal(sig, SIG_DFL);
+  std::raise(sig);
+}
+
+void SetPending(const std::string& path) {
+  have_pending_temp = 0;
+  if (path.size() >= sizeof pending_temp_path) return;
+  std::memcpy(pending_temp_path, path.c_str(), path.size() + 1);
+  have_pending_temp = 1;
+  std::signal(SIGINT, RemovePendingTempAndDie);
+  std::signal(SIGTERM, RemovePendingTempAndDie);
+  std::signal(SIGHUP, RemovePendingTempAndDie);
+}
+
+void ClearPending() { have_pending_temp = 0; }
+
+}  // namespace
+
+TempOutputFile::TempOutputFile(const std::string& target) : target_(target) {
+  namespace fs = std::filesystem;
+  const fs::path t(target);
+  if (t.filename().empty()) throw IoError(target + ": not a file name");
+  const std::string ext = t.extension().string();
+  const fs::path name = "." + t.filename().string() + ".XXXXXX" + ext;
+  std::string templ = (t.parent_path() / name).string();
+  std::vector<char> buffer(templ.begin(), templ.end());
+  buffer.push_back('\0');
+  const int fd = mkstemps(buffer.data(), static_cast<int>(ext.size()));
+  if (fd < 0) {
+    throw IoError("cannot create a file beside " + target + ": " + std::strerror(errno));
+  }
+  // mkstemps makes the file private (0600); give it the permissions a new file would get.
+  const mode_t mask = umask(0);
+  umask(mask);
+  fchmod(fd, 0666 & ~mask);
+  close(fd);
+  path_ = buffer.data();
+  SetPending(path_);
+}
+
+TempOutputFile::~TempOutputFile() {
+  if (committed_) return;
+  ClearPending();
+  unlink(path_.c_str());
+}
+
+void TempOutputFile::Commit() {
+  if (std::rename(path_.c_str(), target_.c_str()) != 0) {
+    const int why = errno;
+    throw IoError("cannot move the finished image to " + target_ + ": " + std::strerror(why));
+  }
+  committed_ = true;
+  ClearPending();
+}
+
+bool SameFile(const std::string& a, const std::string& b) {
+  struct stat sa {}, sb {};
+  if (stat(a.c_str(), &sa) == 0 && stat(b.c_str(), &sb) == 0) {
+    return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+  }
+  std::error_code ec;
+  const auto na = std::filesystem::weakly_canonical(a, ec);
+  if (ec) return a == b;
+  const auto nb = std::filesystem::weakly_canonical(b, ec);
+  if (ec) return a == b;
+  return na == nb;
+}
+
+}  // namespace veltrisca

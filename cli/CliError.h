@@ -1,0 +1,34 @@
+// Errors that end a veltrisca command: a one-line message for stderr and the exit code.
+#ifndef VT_CLI_CLIERROR_H
+#define VT_CLI_CLIERROR_H
+
+#include <stdexcept>
+#include <string>
+
+namespace veltrisca {
+
+// Process exit codes (documented in docs/cli.md).
+enum ExitCode : int {
+  kExitOk = 0,
+  kExitUsage = 1,   // bad command line: unknown option, malformed or out-of-range value
+  kExitIo = 2,      // input or output: unreadable/unwritable file, unsupported image, no memory
+  kExitEffect = 3,  // the effect could not be loaded or returned an error
+};
+
+class CliError : public std::runtime_error {
+ public:
+  CliError(int exitCode, const std::string& message)
+      : std::runtime_error(message), exitCode_(exitCode) {}
+  int exitCode() const { return exitCode_; }
+
+ private:
+  int exitCode_;
+};
+
+inline CliError UsageError(const std::string& message) { return CliError(kExitUsage, message); }
+inline CliError IoError(const std::string& message) { return CliError(kExitIo, message); }
+inline CliError EffectError(const std::string& message) { return CliError(kExitEffect, message); }
+
+}  // namespace veltrisca
+
+#endif

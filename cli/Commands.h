@@ -1,0 +1,50 @@
+// The tool's commands: info, render and chart, and the command line that selects them.
+#ifndef VT_CLI_COMMANDS_H
+#define VT_CLI_COMMANDS_H
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "Options.h"
+
+namespace veltrisca {
+
+constexpr const char* kToolVersion = "1.2";
+
+struct InfoCommand {
+  LensOptionText lens;
+  std::string size = "1920x1080";
+  std::string request;  // empty: the whole layer
+  bool json = false;
+  bool table = false;
+};
+
+struct RenderCommand {
+  LensOptionText lens;
+  std::string input;
+  std::string output;
+  std::string threads = "0";
+  std::string window;  // empty: the default window of the mode
+  bool alpha = false;
+};
+
+struct ChartCommand {
+  std::string output;
+  std::string size = "1920x1080";
+  std::string depth;  // empty: from the extension
+};
+
+// Each returns the exit code; failures are thrown as CliError. `note` receives remarks for
+// stderr that do not stop the command.
+int RunInfo(const InfoCommand& command, const std::string& plugin, std::ostream& out);
+int RunRender(const RenderCommand& command, const std::string& plugin, std::ostream& note);
+int RunChart(const ChartCommand& command);
+
+// Parses the command line (args without the program name) and runs the command; prints
+// errors as one line on `err` and returns the exit code.
+int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+
+}  // namespace veltrisca
+
+#endif

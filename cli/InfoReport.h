@@ -1,0 +1,28 @@
+// The two forms of `veltrisca info`: one JSON object, or a readable summary. Both only
+// print what the effect left in its sequence data and what the pre-render reported.
+#ifndef VT_CLI_INFOREPORT_H
+#define VT_CLI_INFOREPORT_H
+
+#include <ostream>
+#include <string>
+
+#include "Options.h"
+#include "Session.h"
+
+namespace veltrisca {
+
+struct InfoResult {
+  std::string about;       // the effect's about text
+  ImageSize layer;         // the input layer's size
+  PreRenderReadBack back;  // lens record and pre-render report
+};
+
+// Every field of the lens record by name (the kernel pointers, which only a render sets, are
+// left out; the inverse table only when withTable), then request, inputRequest,
+// inputRequestField, hostSupplied, resultRect and maxResultRectReported.
+void WriteInfoJson(std::ostream& out, const InfoResult& info, bool withTable);
+void WriteInfoText(std::ostream& out, const InfoResult& info);
+
+}  // namespace veltrisca
+
+#endif

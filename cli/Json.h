@@ -1,0 +1,40 @@
+// A small JSON writer for the tool's reports. Numbers are written so that they read back as
+// the same value: floats with 9 significant digits, doubles with 17. JSON has no infinities
+// or NaN: those are written as the strings "Infinity", "-Infinity" and "NaN".
+#ifndef VT_CLI_JSON_H
+#define VT_CLI_JSON_H
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "AE_Effect.h"
+
+namespace veltrisca {
+
+std::string JsonFloat(float v);    // %.9g, or a quoted non-finite name
+std::string JsonDouble(double v);  // %.17g, or a quoted non-finite name
+std::string JsonString(const std::string& s);  // quoted and escaped
+
+// Writes one object, one member per line; arrays stay on their member's line.
+class JsonObjectWriter {
+ public:
+  explicit JsonObjectWriter(std::ostream& out);
+  void Int(const char* key, long long v);
+  void Float(const char* key, float v);
+  void Double(const char* key, double v);
+  void String(const char* key, const std::string& v);
+  void Rect(const char* key, const PF_LRect& r);  // [left, top, right, bottom]
+  void IntPair(const char* key, long long a, long long b);
+  void FloatArray(const char* key, const float* v, size_t n);
+  void End();  // closes the object and the line
+
+ private:
+  void Key(const char* key);
+  std::ostream& out_;
+  bool first_ = true;
+};
+
+}  // namespace veltrisca
+
+#endif

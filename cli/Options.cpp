@@ -1,0 +1,243 @@
+#include "Options.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <cerrno>
+#include <climits>
+#include <cmath>
+#include <cstdlib>
+
+#include "CliError.h"
+
+namespace veltrisca {
+
+namespace {
+
+std::string Lower(std::string s) {
+  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return s;
+}
+
+// The shortest decimal that reads back as the same double, for messages ("0.1", "20000").
+std::string NumberText(double v) {
+  char text[32];
+  const auto result = std::to_chars(text, text + sizeof text, v);
+  return std::string(text, result.ptr);
+}
+
+std::string Quoted(const std::string& text) { return "\"" + text + "\""; }
+
+// Whole-string parse of a long long; false on anything else (blanks, signs alone, overflow).
+bool ToLongLong(const std::string& text, long long* value) {
+  if (text.empty() || std::isspace(static_cast<unsigned char>(text[0]))) return false;
+  errno = 0;
+  char* end = nullptr;
+  const long long v = std::strtoll(text.c_str(), &end, 10);
+  if (errno != 0 || end == text.c_str() || *end != '\0') return false;
+  *value = v;
+  return true;
+}
+
+}  // namespace
+
+double ParseSlider(const std::string& option, const std::string& text, SliderRange range) {
+  const std::string rangeText = NumberText(range.min) + ".." + NumberText(range.max);
+  if (text.empty() || std::isspace(static_cast<unsigned char>(text[0]))) {
+    throw UsageError(option + ": expected a number in " + rangeText + ", got " + Quoted(text));
+  }
+  errno = 0;
+  char* end = nullptr;
+  const double v = std::strtod(text.c_str(), &end);
+  if (end == text.c_str() || *end != '\0') {
+    throw UsageError(option + ": expected a number in " + rangeText + ", got " + Quoted(text));
+  }
+  // strtod accepts "inf" and "nan" and saturates overflow to infinity (ERANGE); a
+  // denormal underflow (also ERANGE) is a legitimate, tiny value.
+  if (!std::isfinite(v)) {
+    throw UsageError(option + ": " + Quoted(text) + " is not a finite number; the range is " +
+                     rangeText);
+  }
+  if (v < range.min || v > range.max) {
+    throw UsageError(option + ": " + text + " is outside the slider range " + rangeText);
+  }
+  return v;
+}
+
+int ParseInt(const std::string& option, const std::string& text, int min, int max) {
+  long long v = 0;
+  if (!ToLongLong(text, &v)) {
+    throw UsageError(option + ": expected a whole number, got " + Quoted(text));
+  }
+  if (v < min || v > max) {
+    throw UsageError(option + ": " + text + " is outside " + std::to_string(min) + ".." +
+                     std::to_string(max));
+  }
+  return static_cast<int>(v);
+}
+
+ImageSize ParseSize(const std::string& option, const std::string& text, int maxSide) {
+  const size_t x = text.find_first_of("xX");
+  long long w = 0, h = 0;
+  if (x == std::string::npos || !ToLongLong(text.substr(0, x), &w) ||
+      !ToLongLong(text.substr(x + 1), &h)) {
+    throw UsageError(option + ": expected WIDTHxHEIGHT in whole pixels, got " + Quoted(text));
+  }
+  if (w < 1 || h < 1 || w > maxSide || h > maxSide) {
+    throw UsageError(option + ": " + text + " is outside 1x1.." + std::to_string(maxSide) + "x" +
+                     std::to_string(maxSide) + " (sizes are whole positive pixel counts)");
+  }
+  return ImageSize{static_cast<int>(w), static_cast<int>(h)};
+}
+
+PF_LRect ParseRect(const std::string& option, const std::string& text) {
+  long long v[4] = {0, 0, 0, 0};
+  size_t start = 0;
+  for (int i = 0; i < 4; ++i) {
+    const size_t comma = text.find(',', start);
+    const bool last = (i == 3);
+    if (last != (comma == std::string::npos)) {
+      throw UsageError(option + ": expected LEFT,TOP,RIGHT,BOTTOM, got " + Quoted(text));
+    }
+    const std::string part = text.substr(start, last ? std::string::npos : comma - start);
+    if (!ToLongLong(part, &v[i]) || v[i] < INT32_MIN || v[i] > INT32_MAX) {
+      throw UsageError(option + ": " + Quoted(part) + " in " + Quoted(text) +
+                       " is not a 32-bit whole number");
+    }
+    start = comma + 1;
+  }
+  return PF_LRect{static_cast<A_long>(v[0]), static_cast<A_long>(v[1]),
+                  static_cast<A_long>(v[2]), static_cast<A_long>(v[3])};
+}
+
+int ParseMode(const std::string& text) {
+  const std::string s = Lower(text);
+  if (s == "remove") return kModeRemove;
+  if (s == "apply") return kModeApply;
+  throw UsageError("--mode: expected remove or apply, got " + Quoted(text));
+}
+
+int ParseFilter(const std::string& text) {
+  static const char* const kNames[] = {"builtin", "nearest", "bilinear",
+                                       "lanczos2", "lanczos3", "mitchell"};
+  const std::string s = Lower(text);
+  for (int i = 0; i < 6; ++i) {
+    if (s == kNames[i]) return i + 1;
+  }
+  throw UsageError(
+      "--filter: expected builtin, nearest, bilinear, lanczos2, lanczos3 or mitchell, got " +
+      Quoted(text));
+}
+
+const char* ModeName(int mode) { return mode == kModeApply ? "Apply" : "Remove"; }
+
+const char* FilterName(int filter) {
+  static const char* const kNames[] = {"Built-in",  "Nearest",   "BiLinear",
+                                       "Lanczos-2", "Lanczos-3", "Mitchell-Netravali"};
+  return (filter >= 1 && filter <= 6) ? kNames[filter - 1] : "?";
+}
+
+LensSettings ParseLensOptions(const LensOptionText& text) {
+  LensSettings s;
+  s.mode = ParseMode(text.mode);
+  s.filter = ParseFilter(text.filter);
+  s.distortion = ParseSlider("--distortion", text.distortion, kCoefficientRange);
+  s.cubic = ParseSlider("--cubic", text.cubic, kCoefficientRange);
+  s.quartic = ParseSlider("--quartic", text.quartic, kCoefficientRange);
+  s.zoom = ParseSlider("--zoom", text.zoom, kZoomRange);
+  s.pixelAspect = ParseSlider("--pixel-aspect", text.pixelAspect, kPixelAspectRange);
+  if (!text.distortedSize.empty()) {
+    s.distortedSize = ParseSize("--distorted-size", text.distortedSize);
+  }
+  if (!text.undistortedSize.empty()) {
+    s.undistortedSize = ParseSize("--undistorted-size", text.undistortedSize);
+  }
+  return s;
+}
+
+LensSizes ResolveSizes(const LensSettings& settings, ImageSize layer) {
+  const bool apply = settings.mode == kModeApply;
+  const std::optional<ImageSize>& tied = apply ? settings.undistortedSize : settings.distortedSize;
+  const std::optional<ImageSize>& other =
+      apply ? settings.distortedSize : settings.undistortedSize;
+  const char* tiedOption = apply ? "--undistorted-size" : "--distorted-size";
+  if (!tied && (layer.width > kMaxImageSide || layer.height > kMaxImageSide)) {
+    throw IoError("the input layer is " + std::to_string(layer.width) + "x" +
+                  std::to_string(layer.height) + ", larger than the " +
+                  std::to_string(kMaxImageSide) + " pixels the effect's size parameters hold; " +
+                  "give " + tiedOption + " explicitly");
+  }
+  const ImageSize first = tied ? *tied : layer;
+  const ImageSize second = other ? *other : first;
+  return apply ? LensSizes{second, first} : LensSizes{first, second};
+}
+
+hostsim::ParamValues ToParamValues(const LensSettings& settings, const LensSizes& sizes) {
+  hostsim::ParamValues p;
+  p.mode = settings.mode;
+  p.filter = settings.filter;
+  p.distortion = settings.distortion;
+  p.cubic = settings.cubic;
+  p.quartic = settings.quartic;
+  p.zoom = settings.zoom;
+  p.pixelAspect = settings.pixelAspect;
+  p.distortedWidth = sizes.distorted.width;
+  p.distortedHeight = sizes.distorted.height;
+  p.undistortedWidth = sizes.undistorted.width;
+  p.undistortedHeight = sizes.undistorted.height;
+  return p;
+}
+
+DefaultWindow RemoveWindow(const PF_LRect& maxResultRect, const LensSizes& sizes) {
+  DefaultWindow w;
+  // The frame reaches one column and row further than the image so that the last pixel's
+  // right and bottom neighbours can be sampled; the image itself ends one short of it.
+  w.rect = maxResultRect;
+  w.rect.right = static_cast<A_long>(std::max<long long>(INT32_MIN, maxResultRect.right - 1LL));
+  w.rect.bottom = static_cast<A_long>(std::max<long long>(INT32_MIN, maxResultRect.bottom - 1LL));
+  // The frame is centred on the plate; with an odd margin its truncated left edge cannot be.
+  const long long width = static_cast<long long>(w.rect.right) - w.rect.left;
+  const long long height = static_cast<long long>(w.rect.bottom) - w.rect.top;
+  w.halfPixelX = width == sizes.undistorted.width &&
+                 ((sizes.undistorted.width - sizes.distorted.width) & 1) != 0;
+  w.halfPixelY = height == sizes.undistorted.height &&
+                 ((sizes.undistorted.height - sizes.distorted.height) & 1) != 0;
+  return w;
+}
+
+namespace {
+
+// Start of a span of `length` pixels centred on `centre`; sets *half when the exact start
+// is a half-pixel position (then the start is rounded down).
+A_long CentredStart(float centre, int length, bool* half) {
+  const double twice = std::isfinite(centre) ? std::round(2.0 * centre) : 0.0;
+  const long long doubled = static_cast<long long>(std::clamp(twice, -4e9, 4e9)) - length;
+  *half = (doubled & 1) != 0;
+  const long long start = doubled >= 0 ? doubled / 2 : -((-doubled + 1) / 2);
+  return static_cast<A_long>(std::clamp<long long>(start, INT32_MIN / 2, INT32_MAX / 2));
+}
+
+}  // namespace
+
+DefaultWindow ApplyWindow(float lensCentreX, float lensCentreY, ImageSize distorted) {
+  DefaultWindow w;
+  w.rect.left = CentredStart(lensCentreX, distorted.width, &w.halfPixelX);
+  w.rect.top = CentredStart(lensCentreY, distorted.height, &w.halfPixelY);
+  w.rect.right = w.rect.left + distorted.width;
+  w.rect.bottom = w.rect.top + distorted.height;
+  return w;
+}
+
+bool IsEmpty(const PF_LRect& r) { return r.left >= r.right || r.top >= r.bottom; }
+
+long long RectArea(const PF_LRect& r) {
+  if (IsEmpty(r)) return 0;
+  return (static_cast<long long>(r.right) - r.left) * (static_cast<long long>(r.bottom) - r.top);
+}
+
+std::string RectText(const PF_LRect& r) {
+  return std::to_string(r.left) + "," + std::to_string(r.top) + "," + std::to_string(r.right) +
+         "," + std::to_string(r.bottom);
+}
+
+}  // namespace veltrisca

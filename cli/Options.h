@@ -1,0 +1,110 @@
+// Command-line values of the veltrisca tool: strict parsing, range checks against the effect's
+// slider ranges, the defaulting of the two lens image sizes, and the default output window.
+// Every parser throws CliError(kExitUsage) with a message that names the option.
+#ifndef VT_CLI_OPTIONS_H
+#define VT_CLI_OPTIONS_H
+
+#include <optional>
+#include <string>
+
+#include "AE_Effect.h"
+#include "hostsim/Host.h"
+
+namespace veltrisca {
+
+struct ImageSize {
+  int width = 0;
+  int height = 0;
+};
+
+// The image sizes reach the effect as 16.16 fixed-point point parameters, whose integer part
+// cannot exceed 32767.
+constexpr int kMaxImageSide = 32767;
+
+struct SliderRange {
+  double min;
+  double max;
+};
+// The effect's slider ranges (valid range = slider range).
+constexpr SliderRange kCoefficientRange{-20000.0, 20000.0};  // distortion, cubic, quartic
+constexpr SliderRange kZoomRange{0.0, 10.0};
+constexpr SliderRange kPixelAspectRange{0.1, 10.0};
+constexpr int kMaxThreads = 1024;
+
+constexpr int kModeRemove = 1;
+constexpr int kModeApply = 2;
+
+// A finite number inside [range.min, range.max]; `option` names it in messages.
+double ParseSlider(const std::string& option, const std::string& text, SliderRange range);
+// "WxH" with whole positive numbers up to maxSide.
+ImageSize ParseSize(const std::string& option, const std::string& text,
+                    int maxSide = kMaxImageSide);
+// "L,T,R,B": four int32 values (right and bottom exclusive); any rectangle, empty included.
+PF_LRect ParseRect(const std::string& option, const std::string& text);
+// A whole number in [min, max].
+int ParseInt(const std::string& option, const std::string& text, int min, int max);
+// "remove" -> 1, "apply" -> 2 (case-insensitive).
+int ParseMode(const std::string& text);
+// "builtin", "nearest", "bilinear", "lanczos2", "lanczos3", "mitchell" -> 1..6.
+int ParseFilter(const std::string& text);
+const char* ModeName(int mode);      // the effect's own popup text ("Remove", "Apply")
+const char* FilterName(int filter);  // "Built-in" .. "Mitchell-Netravali"
+
+// The lens options shared by info and render, as typed (an empty size means "not given").
+struct LensOptionText {
+  std::string mode = "remove";
+  std::string filter = "lanczos2";
+  std::string distortion = "0";
+  std::string cubic = "0";
+  std::string quartic = "0";
+  std::string zoom = "1";
+  std::string pixelAspect = "1";
+  std::string distortedSize;
+  std::string undistortedSize;
+};
+
+struct LensSettings {
+  int mode = kModeRemove;
+  int filter = 4;
+  double distortion = 0, cubic = 0, quartic = 0;  // X1000 slider values
+  double zoom = 1;
+  double pixelAspect = 1;
+  std::optional<ImageSize> distortedSize;
+  std::optional<ImageSize> undistortedSize;
+};
+
+LensSettings ParseLensOptions(const LensOptionText& text);
+
+struct LensSizes {
+  ImageSize distorted;
+  ImageSize undistorted;
+};
+
+// The input layer is the distorted plate in Remove and the undistorted image in Apply, so the
+// size tied to the layer defaults to the layer's size and the other size to the first one.
+// Throws CliError(kExitIo) when a size taken from the layer is too large for the effect.
+LensSizes ResolveSizes(const LensSettings& settings, ImageSize layer);
+
+hostsim::ParamValues ToParamValues(const LensSettings& settings, const LensSizes& sizes);
+
+// The output rectangle rendered when --window is not given.
+struct DefaultWindow {
+  PF_LRect rect{};
+  bool halfPixelX = false;  // the window sits half a pixel off the lens centre horizontally
+  bool halfPixelY = false;
+};
+
+// Remove: the effect's output frame without the extra last column and row it reports.
+DefaultWindow RemoveWindow(const PF_LRect& maxResultRect, const LensSizes& sizes);
+// Apply: a window of the distorted size centred on the lens centre (lensCentreX/Y are the
+// layer position of the normalised origin, which the effect keeps in pixOffsetX/Y). With an odd
+// margin the window starts half a pixel left of (above) the centred position.
+DefaultWindow ApplyWindow(float lensCentreX, float lensCentreY, ImageSize distorted);
+
+bool IsEmpty(const PF_LRect& r);
+long long RectArea(const PF_LRect& r);  // 0 for an empty rectangle
+std::string RectText(const PF_LRect& r);  // "L,T,R,B"
+
+}  // namespace veltrisca
+
+#endif

@@ -1,0 +1,119 @@
+#include "Session.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <stdexcept>
+
+#include "CliError.h"
+
+#ifndef VT_DEFAULT_EFFECT_PATH
+#define VT_DEFAULT_EFFECT_PATH "VeltriscaDistortion.so"
+#endif
+
+namespace veltrisca {
+
+std::string ResolvePluginPath(const std::string& option) {
+  if (!option.empty()) return option;
+  const char* env = std::getenv("VELTRISCA_PLUGIN");
+  if (env && *env) return env;
+  return VT_DEFAULT_EFFECT_PATH;
+}
+
+std::unique_ptr<hostsim::PluginModule> LoadEffect(const std::string& path) {
+  try {
+    return std::make_unique<hostsim::PluginModule>(path);
+  } catch (const std::exception& e) {
+    throw EffectError("cannot load the effect plug-in " + path + ": " + e.what() +
+                      " (choose one with --plugin or VELTRISCA_PLUGIN)");
+  }
+}
+
+std::string EffectErrorText(PF_Err err) {
+  const char* name = nullptr;
+  switch (err) {
+    case PF_Err_OUT_OF_MEMORY: name = "PF_Err_OUT_OF_MEMORY"; break;
+    case PF_Err_INTERNAL_STRUCT_DAMAGED: name = "PF_Err_INTERNAL_STRUCT_DAMAGED"; break;
+    case PF_Err_INVALID_INDEX: name = "PF_Err_INVALID_INDEX"; break;
+    case PF_Err_UNRECOGNIZED_PARAM_TYPE: name = "PF_Err_UNRECOGNIZED_PARAM_TYPE"; break;
+    case PF_Err_INVALID_CALLBACK: name = "PF_Err_INVALID_CALLBACK"; break;
+    case PF_Err_BAD_CALLBACK_PARAM: name = "PF_Err_BAD_CALLBACK_PARAM"; break;
+    case PF_Interrupt_CANCEL: name = "PF_Interrupt_CANCEL"; break;
+    default: break;
+  }
+  return std::to_string(err) + (name ? std::string(" (") + name + ")" : std::string());
+}
+
+namespace {
+
+// Host-side failures (description mismatch, a buffer the host cannot allocate) surface as
+// exceptions from the substitute host; turn them into the tool's errors.
+template <typename Call>
+PF_Err Guarded(const char* command, Call call) {
+  try {
+    return call();
+  } catch (const std::bad_alloc&) {
+    throw IoError(std::string("out of memory during ") + command);
+  } catch (const std::exception& e) {
+    throw EffectError(std::string(command) + ": " + e.what());
+  }
+}
+
+}  // namespace
+
+EffectSession::EffectSession(const hostsim::PluginModule& module,
+                             const hostsim::ParamValues& params, int threads)
+    : host_(module) {
+  host_.params = params;
+  host_.threads = threads;
+  Check("about", Guarded("about", [&] { return host_.About(); }));
+  about_ = host_.ReturnMessage();
+  Check("global setup", Guarded("global setup", [&] { return host_.GlobalSetup(); }));
+  Check("parameter setup", Guarded("parameter setup", [&] { return host_.ParamsSetup(); }));
+  Check("sequence setup", Guarded("sequence setup", [&] { return host_.SequenceSetup(); }));
+  sequenceUp_ = true;
+}
+
+EffectSession::~EffectSession() {
+  if (!sequenceUp_) return;
+  try {
+    host_.SequenceSetdown();
+  } catch (...) {
+    // Leaving anyway: the host's destructor cleans up what is left.
+  }
+}
+
+void EffectSession::Check(const char* command, PF_Err err) {
+  if (err == PF_Err_NONE) return;
+  std::string message = std::string("the effect's ") + command + " failed with error " +
+                        EffectErrorText(err);
+  const std::string said = host_.ReturnMessage();
+  if (!said.empty() && std::strcmp(command, "about") != 0) message += ": " + said;
+  throw EffectError(message);
+}
+
+PreRenderReadBack EffectSession::PreRender(const PF_LRect& request) {
+  PreRenderReadBack back;
+  back.request = request;
+  Check("smart pre-render",
+        Guarded("smart pre-render", [&] { return host_.SmartPreRender(request, &back.report); }));
+  const void* block = host_.SequenceBlock();
+  if (!block) throw EffectError("the effect left no sequence data after its smart pre-render");
+  std::memcpy(&back.lens, block, sizeof back.lens);
+  return back;
+}
+
+std::unique_ptr<hostsim::World> EffectSession::Render() {
+  std::unique_ptr<hostsim::World> output;
+  Check("smart render", Guarded("smart render", [&] { return host_.SmartRender(&output); }));
+  return output;
+}
+
+void EffectSession::Finish() {
+  if (!sequenceUp_) return;
+  sequenceUp_ = false;
+  Check("sequence setdown",
+        Guarded("sequence setdown", [&] { return host_.SequenceSetdown(); }));
+}
+
+}  // namespace veltrisca

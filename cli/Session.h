@@ -1,0 +1,62 @@
+// One applied instance of the effect, driven through the substitute host the way the real host
+// drives it: about, global setup, parameter setup, sequence setup, then smart pre-render and
+// smart render, and sequence setdown at the end.
+#ifndef VT_CLI_SESSION_H
+#define VT_CLI_SESSION_H
+
+#include <memory>
+#include <string>
+
+#include "hostsim/Host.h"
+#include "hostsim/World.h"
+#include "lens/LensData.h"
+
+namespace veltrisca {
+
+// What a smart pre-render left behind, read back from the host.
+struct PreRenderReadBack {
+  PF_LRect request{};               // the output rectangle asked of the effect
+  VtAFXLensData lens{};             // the sequence data block after the command
+  hostsim::PreRenderReport report;  // input request, supplied rectangle, pre-render output
+};
+
+// The plug-in path: --plugin, else $VELTRISCA_PLUGIN, else the path the tool was built with.
+std::string ResolvePluginPath(const std::string& option);
+// Loads the plug-in; throws CliError(kExitEffect) with the loader's reason.
+std::unique_ptr<hostsim::PluginModule> LoadEffect(const std::string& path);
+// "516 (PF_Err_BAD_CALLBACK_PARAM)".
+std::string EffectErrorText(PF_Err err);
+
+class EffectSession {
+ public:
+  // Sends about, global setup, parameter setup and sequence setup; throws CliError.
+  EffectSession(const hostsim::PluginModule& module, const hostsim::ParamValues& params,
+                int threads);
+  ~EffectSession();
+  EffectSession(const EffectSession&) = delete;
+  EffectSession& operator=(const EffectSession&) = delete;
+
+  // The effect's about text, as it wrote it.
+  const std::string& about() const { return about_; }
+  // The input layer (not owned; must outlive the session's renders).
+  void SetInputLayer(const hostsim::World* layer) { host_.SetInputLayer(layer); }
+  // Make the host supply this input rectangle instead of request ∩ layer.
+  void OverrideSuppliedRect(const PF_LRect& rect) { host_.OverrideSuppliedRect(rect); }
+
+  PreRenderReadBack PreRender(const PF_LRect& request);
+  // Renders the frame of the last pre-render; the world is placed at result_rect.
+  std::unique_ptr<hostsim::World> Render();
+  // Sequence setdown; the destructor does it too, silently, if this was not called.
+  void Finish();
+
+ private:
+  void Check(const char* command, PF_Err err);
+
+  hostsim::Host host_;
+  std::string about_;
+  bool sequenceUp_ = false;
+};
+
+}  // namespace veltrisca
+
+#endif

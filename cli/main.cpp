@@ -1,0 +1,11 @@
+// veltrisca: the command-line front end of the Veltrisca Distortion effect.
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "Commands.h"
+
+int main(int argc, char** argv) {
+  const std::vector<std::string> args(argv + 1, argv + argc);
+  return veltrisca::RunCli(args, std::cout, std::cerr);
+}

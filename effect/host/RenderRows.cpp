@@ -1,0 +1,185 @@
+#include "host/RenderRows.h"
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+
+#include "gulp/FGulp.h"
+#include "host/Params.h"
+#include "lens/RunMapping.h"
+#include "resample/KernelTables.h"
+#include "resample/ResampleData.h"
+#include "resample/Samplers.h"
+
+PF_Fixed PixelsToFixed(float x) {
+  const float fixed = x * 65536.0f;
+  if (!(fixed >= -2147483648.0f)) {  // also NaN
+    return INT32_MIN;
+  }
+  if (fixed >= 2147483648.0f) {
+    return INT32_MAX;
+  }
+  return static_cast<PF_Fixed>(std::nearbyint(fixed));
+}
+
+namespace {
+
+// What the effect's samplers need to know about a pixel depth.
+struct DepthFormat {
+  int32_t pixelBytes;
+  int32_t bitDepth;
+  float colorMax;  // upper clip of the kernel sampler
+  float alphaMax;
+};
+
+constexpr DepthFormat kFormat8 = {4, 8, 255.0f, 255.0f};
+constexpr DepthFormat kFormat16 = {8, 16, 32768.0f, 32768.0f};
+constexpr DepthFormat kFormatFloat = {16, 32, 1.0e10f, 1.0f};
+
+// Per-depth pieces, chosen by overload on the pixel type.
+constexpr const DepthFormat& FormatOf(const PF_Pixel*) { return kFormat8; }
+constexpr const DepthFormat& FormatOf(const PF_Pixel16*) { return kFormat16; }
+constexpr const DepthFormat& FormatOf(const PF_PixelFloat*) { return kFormatFloat; }
+
+PF_Err InputPixels(const RenderData& rd, PF_Pixel** pixels) {
+  return rd.inData->utils->get_pixel_data8(rd.inputWorld, nullptr, pixels);
+}
+PF_Err InputPixels(const RenderData& rd, PF_Pixel16** pixels) {
+  return rd.inData->utils->get_pixel_data16(rd.inputWorld, nullptr, pixels);
+}
+PF_Err InputPixels(const RenderData& rd, PF_PixelFloat** pixels) {
+  return rd.pixelDataSuite->get_pixel_data_float(rd.inputWorld, nullptr, pixels);
+}
+
+PF_Err HostSample(const RenderData& rd, PF_Fixed x, PF_Fixed y, PF_Pixel* dst) {
+  return rd.sample8(rd.effectRef, x, y, &rd.sampPB, dst);
+}
+PF_Err HostSample(const RenderData& rd, PF_Fixed x, PF_Fixed y, PF_Pixel16* dst) {
+  return rd.sample16(rd.effectRef, x, y, &rd.sampPB, dst);
+}
+PF_Err HostSample(const RenderData& rd, PF_Fixed x, PF_Fixed y, PF_PixelFloat* dst) {
+  return rd.sampleFloat(rd.effectRef, x, y, &rd.sampPB, dst);
+}
+
+using SamplerFunc = void (*)(ResampleData* rd, const FGulpPt& pos, void* dst);
+
+// The kernel geometry of a filter type; sampler is null for a type without a sampler.
+struct FilterKernel {
+  SamplerFunc sampler;
+  int32_t taps;
+  int32_t tapOffset;
+  float phasesPerPixel;
+  float phaseStride;
+  float* table;
+};
+
+FilterKernel KernelOf(int32_t filterType, const VtAFXLensData& lens) {
+  switch (filterType) {
+    case kFilterNearest:
+      return {NearSampler, 0, 0, 0.0f, 0.0f, nullptr};
+    case kFilterBiLinear:
+      return {BiLinSampler, 0, 0, 0.0f, 0.0f, nullptr};
+    case kFilterLanczos2:
+      return {Sampler, kLanczos2Taps, kLanczos2TapOffset, kKernelPhases, kLanczos2CellFloats,
+              lens.lanczos2Kernel};
+    case kFilterLanczos3:
+      return {Sampler, kLanczos3Taps, kLanczos3TapOffset, kKernelPhases, kLanczos3CellFloats,
+              lens.lanczos3Kernel};
+    case kFilterMitchell:
+      return {Sampler, kMitchellTaps, kMitchellTapOffset, kKernelPhases, kMitchellCellFloats,
+              lens.mitchellKernel};
+    default:
+      return {nullptr, 0, 0, 0.0f, 0.0f, nullptr};
+  }
+}
+
+// One step of the row: the output positions of pixels x0 .. x0 + len - 1 of row y (in the
+// layer), mapped through the lens and moved into the input buffer's own pixels.
+void MapStep(const RenderData& rd, A_long x0, A_long y, FGulpPt& outPos, FGulpPt& inPos) {
+  const PF_EffectWorld& output = *rd.outputWorld;
+  const PF_EffectWorld& input = *rd.inputWorld;
+  outPos.x.SetLen(output.width, x0);
+  outPos.y.SetLen(output.width, x0);
+  // The sums are whole numbers, so they are formed in integers and converted once.
+  outPos.x.Iota(static_cast<float>(output.origin_x + x0), 1.0f);
+  outPos.y.Constant(static_cast<float>(output.origin_y + y));
+  MapOutToInPt(rd.lensData, outPos, inPos);
+  inPos.x -= static_cast<float>(input.origin_x);
+  inPos.y -= static_cast<float>(input.origin_y);
+}
+
+template <typename Pixel>
+PF_Err DistortRow(void* refcon, A_long y, Pixel* out) {
+  const RenderData& rd = *static_cast<const RenderData*>(refcon);
+  const A_long width = rd.outputWorld->width;
+  if (width <= 0) {
+    return PF_Err_NONE;
+  }
+  const int32_t filterType = rd.lensData->filterType;
+  FGulpPt outPos;
+  FGulpPt inPos;
+
+  if (filterType == kFilterBuiltIn) {
+    for (A_long x0 = 0; x0 < width; x0 += FGulp::kCapacity) {
+      MapStep(rd, x0, y, outPos, inPos);
+      Pixel* dst = out + x0;
+      for (int k = 0; k < inPos.x.len; ++k) {
+        // The host's sampler reports nothing the row could act on; its result is not used.
+        HostSample(rd, PixelsToFixed(inPos.x[k]), PixelsToFixed(inPos.y[k]), dst + k);
+      }
+    }
+    return PF_Err_NONE;
+  }
+
+  const FilterKernel kernel = KernelOf(filterType, *rd.lensData);
+  if (kernel.sampler == nullptr) {
+    // Not a type the popup can deliver; a transparent row is the only safe output.
+    std::memset(static_cast<void*>(out), 0, static_cast<size_t>(width) * sizeof(Pixel));
+    return PF_Err_NONE;
+  }
+
+  Pixel* pixels = nullptr;
+  const PF_Err err = InputPixels(rd, &pixels);
+  if (err != PF_Err_NONE) {
+    return err;
+  }
+
+  const DepthFormat& format = FormatOf(out);
+  ResampleData resample;
+  std::memset(&resample, 0, sizeof resample);
+  resample.baseAddr = reinterpret_cast<char*>(pixels);
+  resample.rowBytes = rd.inputWorld->rowbytes;
+  resample.pixelBytes = format.pixelBytes;
+  resample.bitDepth = format.bitDepth;
+  resample.width = rd.inputWorld->width;
+  resample.height = rd.inputWorld->height;
+  resample.colorMax = format.colorMax;
+  resample.alphaMax = format.alphaMax;
+  resample.tapsX = kernel.taps;
+  resample.tapsY = kernel.taps;
+  resample.tapOffsetX = kernel.tapOffset;
+  resample.tapOffsetY = kernel.tapOffset;
+  resample.phasesPerPixel = kernel.phasesPerPixel;
+  resample.phaseStride = kernel.phaseStride;
+  resample.kernelTable = kernel.table;
+
+  for (A_long x0 = 0; x0 < width; x0 += FGulp::kCapacity) {
+    MapStep(rd, x0, y, outPos, inPos);
+    kernel.sampler(&resample, inPos, out + x0);
+  }
+  return PF_Err_NONE;
+}
+
+}  // namespace
+
+PF_Err DistortPixel8(void* refcon, A_long, A_long y, PF_Pixel*, PF_Pixel* out) {
+  return DistortRow(refcon, y, out);
+}
+
+PF_Err DistortPixel16(void* refcon, A_long, A_long y, PF_Pixel16*, PF_Pixel16* out) {
+  return DistortRow(refcon, y, out);
+}
+
+PF_Err DistortPixelFloat(void* refcon, A_long, A_long y, PF_PixelFloat*, PF_PixelFloat* out) {
+  return DistortRow(refcon, y, out);
+}

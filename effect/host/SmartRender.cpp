@@ -1,0 +1,147 @@
+#include "host/SmartRender.h"
+
+#include "AE_EffectCB.h"
+#include "AE_EffectCBSuites.h"
+#include "AE_EffectSuites.h"
+#include "host/AEFX_SuiteHelper.h"
+#include "host/PreRender.h"
+#include "host/RenderRows.h"
+#include "host/SuiteHandler.h"
+#include "resample/KernelTables.h"
+
+namespace {
+
+constexpr char kLoadFailedText[] = "Couldn't load suite.";
+constexpr char kReleaseFailedText[] = "Couldn't release suite.";
+
+// The suites taken with AEFX_AcquireSuite; null until acquired.
+struct HostSuites {
+  void* world = nullptr;      // PF_WorldSuite2
+  void* ansi = nullptr;       // PF_ANSICallbacksSuite1
+  void* pixelData = nullptr;  // PF_PixelDataSuite1
+};
+
+// Each suite only while no error is pending; returns the result of the last one tried.
+PF_Err AcquireHostSuites(PF_InData* in_data, PF_OutData* out_data, HostSuites& suites) {
+  PF_Err err = AEFX_AcquireSuite(in_data, out_data, kPFWorldSuite, kPFWorldSuiteVersion2,
+                                 kLoadFailedText, &suites.world);
+  if (err == PF_Err_NONE) {
+    err = AEFX_AcquireSuite(in_data, out_data, kPFANSISuite, kPFANSISuiteVersion1,
+                            kLoadFailedText, &suites.ansi);
+  }
+  if (err == PF_Err_NONE) {
+    err = AEFX_AcquireSuite(in_data, out_data, kPFPixelDataSuite, kPFPixelDataSuiteVersion1,
+                            kLoadFailedText, &suites.pixelData);
+  }
+  return err;
+}
+
+// Releases the three suites in acquisition order, also those that could not be had (the host
+// answers such a release with an error that AEFX_ReleaseSuite does not pass on); keeps the
+// first error.
+PF_Err ReleaseHostSuites(PF_InData* in_data, PF_OutData* out_data, PF_Err err) {
+  const PF_Err results[] = {
+      AEFX_ReleaseSuite(in_data, out_data, kPFWorldSuite, kPFWorldSuiteVersion2,
+                        kReleaseFailedText),
+      AEFX_ReleaseSuite(in_data, out_data, kPFANSISuite, kPFANSISuiteVersion1,
+                        kReleaseFailedText),
+      AEFX_ReleaseSuite(in_data, out_data, kPFPixelDataSuite, kPFPixelDataSuiteVersion1,
+                        kReleaseFailedText)};
+  for (const PF_Err result : results) {
+    if (err == PF_Err_NONE) err = result;
+  }
+  return err;
+}
+
+// Everything between acquiring and releasing the host suites. `err` is the acquisition's
+// result; the sampling suites are requested whatever it holds.
+PF_Err RenderFrame(PF_InData* in_data, AEGP_SuiteHandler& suites, const HostSuites& host,
+                   PF_EffectWorld* input, PF_EffectWorld* output, PF_Err err) {
+  const PF_Sampling8Suite1* sampling8 = suites.Sampling8Suite1();
+  const PF_Sampling16Suite1* sampling16 = suites.Sampling16Suite1();
+  const PF_SamplingFloatSuite1* samplingFloat = suites.SamplingFloatSuite1();
+
+  VtAFXLensData* lens = SequenceLensData(in_data->sequence_data);
+  if (lens == nullptr) {
+    err = PF_Err_INTERNAL_STRUCT_DAMAGED;
+  }
+  if (err != PF_Err_NONE) {
+    return err;
+  }
+
+  RenderData renderData{};
+  renderData.lensData = lens;
+  renderData.inData = in_data;
+  renderData.inputWorld = input;
+  renderData.outputWorld = output;
+  renderData.effectRef = in_data->effect_ref;
+  renderData.sampPB.src = input;
+  renderData.suites = &suites;
+  renderData.pixelDataSuite = static_cast<const PF_PixelDataSuite1*>(host.pixelData);
+  renderData.sample8 = sampling8->subpixel_sample;
+  renderData.sample16 = sampling16->subpixel_sample16;
+  renderData.sampleFloat = samplingFloat->subpixel_sample_float;
+
+  err = BuildSampleFilters(static_cast<PF_ANSICallbacksSuite1*>(host.ansi),
+                           lens->lanczos2Kernel, lens->lanczos3Kernel, lens->mitchellKernel);
+  if (err != PF_Err_NONE) {
+    return err;
+  }
+
+  // An empty request can leave the host with no pixels to hand over: nothing to render.
+  if (input == nullptr || output == nullptr) {
+    return PF_Err_NONE;
+  }
+
+  // One column wide: the host calls the row callback once per output row.
+  const PF_Rect area = {0, 0, 1, output->height};
+  PF_PixelFormat format = PF_PixelFormat_INVALID;
+  const PF_Err formatErr =
+      static_cast<const PF_WorldSuite2*>(host.world)->PF_GetPixelFormat(input, &format);
+
+  switch (format) {
+    case PF_PixelFormat_ARGB32:
+      if (formatErr != PF_Err_NONE) return formatErr;
+      return suites.Iterate8Suite1()->iterate(in_data, 0, output->height, nullptr, &area,
+                                              &renderData, DistortPixel8, output);
+    case PF_PixelFormat_ARGB64:
+      if (formatErr != PF_Err_NONE) return formatErr;
+      return suites.Iterate16Suite1()->iterate(in_data, 0, output->height, nullptr, &area,
+                                               &renderData, DistortPixel16, output);
+    case PF_PixelFormat_ARGB128:
+      if (formatErr != PF_Err_NONE) return formatErr;
+      return suites.IterateFloatSuite1()->iterate(in_data, 0, output->height, nullptr, &area,
+                                                  &renderData, DistortPixelFloat, output);
+    default:
+      return PF_Err_BAD_CALLBACK_PARAM;
+  }
+}
+
+}  // namespace
+
+PF_Err SmartRender(PF_InData* in_data, PF_OutData* out_data, PF_SmartRenderExtra* extra) {
+  PF_EffectWorld* input = nullptr;
+  PF_EffectWorld* output = nullptr;
+  // Id 0 is the checkout the pre-render made.
+  PF_Err err = extra->cb->checkout_layer_pixels(in_data->effect_ref, 0, &input);
+  if (err != PF_Err_NONE) {
+    return err;
+  }
+  err = extra->cb->checkout_output(in_data->effect_ref, &output);
+  if (err != PF_Err_NONE) {
+    return err;
+  }
+
+  AEGP_SuiteHandler suites(in_data->pica_basicP);
+  HostSuites host;
+  err = AcquireHostSuites(in_data, out_data, host);
+  try {
+    err = RenderFrame(in_data, suites, host, input, output, err);
+  } catch (PF_Err) {
+    // A missing sampling or iterate suite: release ours, and let the handler release its
+    // own while the error travels up to the entry point.
+    ReleaseHostSuites(in_data, out_data, PF_Err_BAD_CALLBACK_PARAM);
+    throw;
+  }
+  return ReleaseHostSuites(in_data, out_data, err);
+}

@@ -1,0 +1,19 @@
+// The lens mapping for one step of up to 64 output positions, used by the row callbacks.
+#ifndef VT_LENS_RUNMAPPING_H
+#define VT_LENS_RUNMAPPING_H
+
+#include "gulp/FGulp.h"
+#include "lens/LensData.h"
+
+// Maps output positions (layer pixels) to input positions (layer pixels). Remove evaluates
+// the forward polynomial directly (beyond the monotonic limit too); Apply interpolates the
+// inverse table when it is valid and otherwise solves each element. Requires that
+// CheckCPUFeatures has run (modf picks its rounding route from it) and finite positions.
+void MapOutToInPt(const VtAFXLensData* lens, const FGulpPt& out, FGulpPt& in);
+
+// Internal: ratio takes r's length and, for exactly that many elements, the ratio u/r of
+// the inverse polynomial (1 where r is 0), one element at a time. Elements past the length
+// are left alone.
+void SolveUndistortRatios(const VtAFXLensData& lens, const FGulp& r, FGulp& ratio);
+
+#endif

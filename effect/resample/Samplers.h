@@ -1,0 +1,22 @@
+// The three samplers: one run of source positions (in pixels of the input image, pixel (i, j)
+// at exactly (i, j)) becomes one run of output pixels written consecutively from dst.
+//
+// Edge rules, part of each filter's look:
+//   NearSampler   content where round(x) is in -1..width and round(y) in -1..height (the edge
+//                 pixel repeats for one pixel outside), 0 beyond.
+//   BiLinSampler  content where 0 <= x < width and 0 <= y < height (last column and row
+//                 repeat towards width and height), 0 beyond.
+//   Sampler       table-driven kernel, renormalised over the taps inside the image; 0 where
+//                 no tap with weight lies inside. Clips to 0..colorMax / 0..alphaMax.
+// Non-finite positions are outside (0 in all channels).
+#ifndef VT_RESAMPLE_SAMPLERS_H
+#define VT_RESAMPLE_SAMPLERS_H
+
+#include "gulp/FGulp.h"
+#include "resample/ResampleData.h"
+
+void NearSampler(ResampleData* rd, const FGulpPt& pos, void* dst);
+void BiLinSampler(ResampleData* rd, const FGulpPt& pos, void* dst);
+void Sampler(ResampleData* rd, const FGulpPt& pos, void* dst);
+
+#endif

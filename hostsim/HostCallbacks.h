@@ -1,0 +1,76 @@
+// Internal to the substitute host: the C callbacks the effect calls, and how each finds the
+// Host it belongs to.
+#ifndef VT_HOSTSIM_HOSTCALLBACKS_H
+#define VT_HOSTSIM_HOSTCALLBACKS_H
+
+#include "hostsim/Host.h"
+
+namespace hostsim {
+
+struct HostCallbacks {
+  // The host of this thread's command or iterate row, else the newest live host.
+  static Host* Current();
+  // The host an effect reference points at, when that host is alive; else null.
+  static Host* FromRef(PF_ProgPtr effectRef);
+  static void Register(Host* host);
+  static void Unregister(Host* host);
+
+  // Makes `host` this thread's current host for the scope's lifetime.
+  class Scope {
+   public:
+    explicit Scope(Host* host);
+    ~Scope();
+    Scope(const Scope&) = delete;
+    Scope& operator=(const Scope&) = delete;
+
+   private:
+    Host* previous_;
+  };
+
+  static void Count(Host* host, HostCall call);
+  static bool ShouldFail(Host* host, HostCall call, PF_Err* err) {
+    return host->ShouldFail(call, err);
+  }
+
+  // The host's books, kept for the C callbacks (HostCallbacks.cpp).
+  static PF_Handle NewHandle(Host* host, A_u_longlong size);
+  static void DisposeHandle(Host* host, PF_Handle handle);
+  static A_u_longlong HandleSize(Host* host, PF_Handle handle);
+  static void RecordSubpixel(Host* host, PF_Fixed x, PF_Fixed y);
+  static bool FormatOverride(Host* host, PF_PixelFormat* format);
+  static PF_Err NewSuiteWorld(Host* host, Depth depth, A_long width, A_long height,
+                              PF_EffectWorld* world);
+  static PF_Err DisposeSuiteWorld(Host* host, PF_EffectWorld* world);
+  static SPErr AcquireSuiteFor(Host* host, const char* name, int32_t version,
+                               const void** suite, const void* offered);
+  static SPErr ReleaseSuiteFor(Host* host, const char* name, int32_t version, bool offered);
+  static PF_Err AddParam(Host* host, PF_ParamIndex index, PF_ParamDefPtr def);
+  static PF_Err CheckoutParam(Host* host, PF_ParamIndex index, A_long time, A_long timeStep,
+                              A_u_long timeScale, PF_ParamDef* param);
+  static Depth RenderDepth(const Host* host);
+  static void FillUtilCallbacks(PF_UtilCallbacks* utils);
+  static void FillInteractCallbacks(PF_InteractCallbacks* inter);
+  static void FillBasicSuite(SPBasicSuite* basic);
+  static void SetHandleCallbacks(PF_UtilCallbacks* utils, bool present);
+
+  // Pre-render and render callbacks.
+  static PF_Err CheckoutLayer(PF_ProgPtr effect_ref, PF_ParamIndex index, A_long checkout_idL,
+                              const PF_RenderRequest* req, A_long what_time, A_long time_step,
+                              A_u_long time_scale, PF_CheckoutResult* checkout_result);
+  static PF_Err GuidMixIn(PF_ProgPtr effect_ref, A_u_long buf_sizeLu, const void* buf);
+  static PF_Err CheckoutLayerPixels(PF_ProgPtr effect_ref, A_long checkout_idL,
+                                    PF_EffectWorld** pixels);
+  static PF_Err CheckinLayerPixels(PF_ProgPtr effect_ref, A_long checkout_idL);
+  static PF_Err CheckoutOutput(PF_ProgPtr effect_ref, PF_EffectWorld** output);
+
+  // Shared by the iterate suites and the utility callbacks.
+  template <typename Pixel>
+  static PF_Err Iterate(int depthBits, PF_InData* in_data, A_long progress_base,
+                        A_long progress_final, PF_EffectWorld* src, const PF_Rect* area,
+                        void* refcon, PF_Err (*pix_fn)(void*, A_long, A_long, Pixel*, Pixel*),
+                        PF_EffectWorld* dst);
+};
+
+}  // namespace hostsim
+
+#endif

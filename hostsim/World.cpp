@@ -1,0 +1,196 @@
+#include "hostsim/World.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <stdexcept>
+
+namespace hostsim {
+
+int PixelBytes(Depth depth) {
+  switch (depth) {
+    case Depth::k8: return 4;
+    case Depth::k16: return 8;
+    case Depth::kFloat: return 16;
+  }
+  return 4;
+}
+
+PF_PixelFormat PixelFormatOf(Depth depth) {
+  switch (depth) {
+    case Depth::k8: return PF_PixelFormat_ARGB32;
+    case Depth::k16: return PF_PixelFormat_ARGB64;
+    case Depth::kFloat: return PF_PixelFormat_ARGB128;
+  }
+  return PF_PixelFormat_INVALID;
+}
+
+PF_PixelFormat PixelFormatOfWorld(const PF_EffectWorld& world) {
+  const A_long code = world.reserved_long3;
+  if (code == PF_PixelFormat_ARGB32 || code == PF_PixelFormat_ARGB64 ||
+      code == PF_PixelFormat_ARGB128) {
+    return code;
+  }
+  return (world.world_flags & PF_WorldFlag_DEEP) ? PF_PixelFormat_ARGB64
+                                                 : PF_PixelFormat_ARGB32;
+}
+
+World::World(Depth depth, int width, int height, int originX, int originY, int paddingBytes)
+    : depth_(depth) {
+  width = std::max(width, 0);
+  height = std::max(height, 0);
+  paddingBytes = std::max(paddingBytes, 0);
+  const int64_t rowBytes = int64_t{width} * PixelBytes(depth) + paddingBytes;
+  if (rowBytes > std::numeric_limits<A_long>::max()) {
+    throw std::length_error("world row of " + std::to_string(rowBytes) +
+                            " bytes does not fit the host's row stride");
+  }
+  const uint64_t total = static_cast<uint64_t>(rowBytes) * static_cast<uint64_t>(height);
+  // The host refuses buffers above 4 GiB rather than asking the allocator for them.
+  if (total > kMaxWorldBytes) throw std::bad_alloc();
+  bytes_.assign(static_cast<size_t>(total), 0);
+
+  world_.world_flags =
+      PF_WorldFlag_WRITEABLE | (depth == Depth::k16 ? A_long{PF_WorldFlag_DEEP} : A_long{0});
+  world_.data = bytes_.empty() ? nullptr : bytes_.data();
+  world_.rowbytes = static_cast<A_long>(rowBytes);
+  world_.width = width;
+  world_.height = height;
+  world_.extent_hint = PF_LRect{0, 0, width, height};
+  world_.pix_aspect_ratio = PF_RationalScale{1, 1};
+  world_.origin_x = originX;
+  world_.origin_y = originY;
+  world_.reserved_long3 = PixelFormatOf(depth);
+}
+
+PF_LRect World::Bounds() const {
+  // Saturating, so that a world placed near the edge of the int32 range cannot overflow.
+  auto add = [](A_long a, A_long b) {
+    const int64_t s = int64_t{a} + b;
+    return static_cast<A_long>(std::min<int64_t>(s, std::numeric_limits<A_long>::max()));
+  };
+  return PF_LRect{world_.origin_x, world_.origin_y, add(world_.origin_x, world_.width),
+                  add(world_.origin_y, world_.height)};
+}
+
+namespace {
+
+// Round to nearest, halves away from zero, after clamping to [0, max]; NaN gives 0.
+template <typename T>
+T ToInteger(float value, float max) {
+  if (!(value > 0.0f)) return 0;  // also NaN
+  if (value >= max) return static_cast<T>(max);
+  return static_cast<T>(std::floor(value + 0.5f));
+}
+
+}  // namespace
+
+float World::Get(int x, int y, int c) const {
+  switch (depth_) {
+    case Depth::k8: {
+      const PF_Pixel* p = Pixel8(x, y);
+      const A_u_char v[4] = {p->alpha, p->red, p->green, p->blue};
+      return v[c];
+    }
+    case Depth::k16: {
+      const PF_Pixel16* p = Pixel16(x, y);
+      const A_u_short v[4] = {p->alpha, p->red, p->green, p->blue};
+      return v[c];
+    }
+    case Depth::kFloat: {
+      const PF_PixelFloat* p = PixelF(x, y);
+      const float v[4] = {p->alpha, p->red, p->green, p->blue};
+      return v[c];
+    }
+  }
+  return 0.0f;
+}
+
+void World::Set(int x, int y, int c, float value) {
+  switch (depth_) {
+    case Depth::k8: {
+      PF_Pixel* p = Pixel8(x, y);
+      A_u_char* v[4] = {&p->alpha, &p->red, &p->green, &p->blue};
+      *v[c] = ToInteger<A_u_char>(value, PF_MAX_CHAN8);
+      break;
+    }
+    case Depth::k16: {
+      PF_Pixel16* p = Pixel16(x, y);
+      A_u_short* v[4] = {&p->alpha, &p->red, &p->green, &p->blue};
+      *v[c] = ToInteger<A_u_short>(value, PF_MAX_CHAN16);
+      break;
+    }
+    case Depth::kFloat: {
+      PF_PixelFloat* p = PixelF(x, y);
+      float* v[4] = {&p->alpha, &p->red, &p->green, &p->blue};
+      *v[c] = value;
+      break;
+    }
+  }
+}
+
+void World::Fill(float a, float r, float g, float b) {
+  const float values[4] = {a, r, g, b};
+  for (int y = 0; y < height(); ++y) {
+    for (int x = 0; x < width(); ++x) {
+      for (int c = 0; c < 4; ++c) Set(x, y, c, values[c]);
+    }
+  }
+}
+
+void World::FillBytes(uint8_t byte) { std::fill(bytes_.begin(), bytes_.end(), byte); }
+
+std::vector<uint8_t> World::PackedBytes() const {
+  const size_t rowPayload = static_cast<size_t>(width()) * PixelBytes(depth_);
+  std::vector<uint8_t> out(rowPayload * static_cast<size_t>(height()));
+  if (out.empty()) return out;
+  for (int y = 0; y < height(); ++y) {
+    std::memcpy(out.data() + rowPayload * y, Row(y), rowPayload);
+  }
+  return out;
+}
+
+std::vector<uint8_t> World::PaddingBytes() const {
+  const size_t rowPayload = static_cast<size_t>(width()) * PixelBytes(depth_);
+  const size_t padding = static_cast<size_t>(rowBytes()) - rowPayload;
+  std::vector<uint8_t> out;
+  if (padding == 0) return out;
+  out.reserve(padding * static_cast<size_t>(height()));
+  for (int y = 0; y < height(); ++y) {
+    out.insert(out.end(), Row(y) + rowPayload, Row(y) + rowPayload + padding);
+  }
+  return out;
+}
+
+std::unique_ptr<World> CopyRegion(const World& layer, const PF_LRect& rect, int paddingBytes) {
+  const int64_t w = std::max<int64_t>(int64_t{rect.right} - rect.left, 0);
+  const int64_t h = std::max<int64_t>(int64_t{rect.bottom} - rect.top, 0);
+  if (w > std::numeric_limits<int>::max() || h > std::numeric_limits<int>::max()) {
+    throw std::bad_alloc();
+  }
+  const bool empty = (w == 0 || h == 0);
+  auto region = std::make_unique<World>(layer.depth(), empty ? 0 : static_cast<int>(w),
+                                        empty ? 0 : static_cast<int>(h), rect.left, rect.top,
+                                        paddingBytes);
+  if (empty) return region;
+
+  // The overlap of the region and the layer, in layer coordinates (64-bit: rectangles may
+  // lie anywhere in the int32 range).
+  const PF_LRect lb = layer.Bounds();
+  const int64_t x0 = std::max<int64_t>(rect.left, lb.left);
+  const int64_t x1 = std::min<int64_t>(rect.right, lb.right);
+  const int64_t y0 = std::max<int64_t>(rect.top, lb.top);
+  const int64_t y1 = std::min<int64_t>(rect.bottom, lb.bottom);
+  if (x0 >= x1 || y0 >= y1) return region;
+  const size_t pb = static_cast<size_t>(PixelBytes(layer.depth()));
+  const size_t bytes = static_cast<size_t>(x1 - x0) * pb;
+  for (int64_t y = y0; y < y1; ++y) {
+    const uint8_t* from = layer.Row(static_cast<int>(y - lb.top)) + (x0 - lb.left) * pb;
+    uint8_t* to = region->Row(static_cast<int>(y - rect.top)) + (x0 - rect.left) * pb;
+    std::memcpy(to, from, bytes);
+  }
+  return region;
+}
+
+}  // namespace hostsim

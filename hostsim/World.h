@@ -1,0 +1,98 @@
+// Image buffers in the host's layout: rows of alpha, red, green, blue pixels at 8 bits,
+// 16 bits (0..32768) or 32-bit float, with a row stride that may exceed the row and an
+// origin that places the buffer in the layer.
+#ifndef VT_HOSTSIM_WORLD_H
+#define VT_HOSTSIM_WORLD_H
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "AE_Effect.h"
+
+namespace hostsim {
+
+enum class Depth { k8 = 8, k16 = 16, kFloat = 32 };
+
+int PixelBytes(Depth depth);             // 4, 8 or 16
+PF_PixelFormat PixelFormatOf(Depth depth);
+
+// The pixel format of a world as the host's world suite reports it. Worlds made here carry
+// their format code in `reserved_long3` (the host's own field; effects never read it), so
+// that a float world, which has no world flag of its own, is told apart from an 8-bit one
+// even when an effect copies the PF_EffectWorld record. A world without such a code is
+// 16-bit when it has PF_WorldFlag_DEEP and 8-bit otherwise.
+PF_PixelFormat PixelFormatOfWorld(const PF_EffectWorld& world);
+
+// The largest buffer the host allocates for one world.
+constexpr uint64_t kMaxWorldBytes = uint64_t{1} << 32;
+
+class World {
+ public:
+  // paddingBytes are added to every row's stride; the buffer is zero-filled (padding too).
+  // Negative sizes or padding count as 0. Throws std::length_error when the row stride
+  // does not fit the host's 32-bit field, std::bad_alloc when the buffer exceeds
+  // kMaxWorldBytes or cannot be had.
+  World(Depth depth, int width, int height, int originX = 0, int originY = 0,
+        int paddingBytes = 0);
+  World(const World&) = delete;
+  World& operator=(const World&) = delete;
+
+  Depth depth() const { return depth_; }
+  int width() const { return world_.width; }
+  int height() const { return world_.height; }
+  int originX() const { return world_.origin_x; }
+  int originY() const { return world_.origin_y; }
+  int rowBytes() const { return world_.rowbytes; }
+  int paddingBytes() const { return world_.rowbytes - world_.width * PixelBytes(depth_); }
+  // The rectangle the buffer covers in layer coordinates.
+  PF_LRect Bounds() const;
+
+  PF_EffectWorld* effectWorld() { return &world_; }
+  const PF_EffectWorld* effectWorld() const { return &world_; }
+
+  uint8_t* Row(int y) { return bytes_.data() + static_cast<size_t>(y) * world_.rowbytes; }
+  const uint8_t* Row(int y) const {
+    return bytes_.data() + static_cast<size_t>(y) * world_.rowbytes;
+  }
+  PF_Pixel* Pixel8(int x, int y) { return reinterpret_cast<PF_Pixel*>(Row(y)) + x; }
+  PF_Pixel16* Pixel16(int x, int y) { return reinterpret_cast<PF_Pixel16*>(Row(y)) + x; }
+  PF_PixelFloat* PixelF(int x, int y) { return reinterpret_cast<PF_PixelFloat*>(Row(y)) + x; }
+  const PF_Pixel* Pixel8(int x, int y) const {
+    return reinterpret_cast<const PF_Pixel*>(Row(y)) + x;
+  }
+  const PF_Pixel16* Pixel16(int x, int y) const {
+    return reinterpret_cast<const PF_Pixel16*>(Row(y)) + x;
+  }
+  const PF_PixelFloat* PixelF(int x, int y) const {
+    return reinterpret_cast<const PF_PixelFloat*>(Row(y)) + x;
+  }
+
+  // Channel c (0 alpha, 1 red, 2 green, 3 blue) of pixel (x, y) as a float in the depth's
+  // own units, and the store of such a value: integer depths clamp to 0..255 or 0..32768
+  // and round to nearest, halves away from zero; NaN stores 0. Float stores as given.
+  float Get(int x, int y, int c) const;
+  void Set(int x, int y, int c, float value);
+  void Fill(float a, float r, float g, float b);
+  // Every byte of the buffer, row padding included (to find writes past a row's end).
+  void FillBytes(uint8_t byte);
+  // The payload bytes of every row (padding excluded), for exact comparisons.
+  std::vector<uint8_t> PackedBytes() const;
+  // The bytes of the row padding of every row, in order.
+  std::vector<uint8_t> PaddingBytes() const;
+
+ private:
+  Depth depth_;
+  PF_EffectWorld world_{};
+  std::vector<uint8_t> bytes_;
+};
+
+// A world of `depth` covering `rect` (layer coordinates; origin = its left and top), with
+// the pixels of `layer` (placed in the layer at its own origin) where the two overlap and
+// transparent zero pixels elsewhere. An empty rect gives a 0 x 0 world.
+std::unique_ptr<World> CopyRegion(const World& layer, const PF_LRect& rect,
+                                  int paddingBytes = 0);
+
+}  // namespace hostsim
+
+#endif

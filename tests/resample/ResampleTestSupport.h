@@ -1,0 +1,169 @@
+// Helpers of the resampling tests: images with padded rows at every depth, running a sampler
+// over a list of positions, and switching the rounding route.
+#ifndef VT_TESTS_RESAMPLE_SUPPORT_H
+#define VT_TESTS_RESAMPLE_SUPPORT_H
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <ostream>
+#include <vector>
+
+#include "gulp/CpuFeatures.h"
+#include "resample/ResampleData.h"
+
+namespace resample_test {
+
+struct Px {
+  float a, r, g, b;
+  bool operator==(const Px& o) const { return a == o.a && r == o.r && g == o.g && b == o.b; }
+};
+inline std::ostream& operator<<(std::ostream& os, const Px& p) {
+  return os << "(a " << p.a << ", r " << p.r << ", g " << p.g << ", b " << p.b << ")";
+}
+
+inline int PixelBytesOf(int depth) { return depth == 8 ? 4 : depth == 16 ? 8 : 16; }
+inline float ChannelMax(int depth) { return depth == 8 ? 255.0f : depth == 16 ? 32768.0f : 1.0f; }
+constexpr uint8_t kPaddingByte = 0xA5;  // rows end in this, so a read of padding shows
+
+// An image whose rows are longer than its pixels; the buffer is exactly rows * rowBytes, so a
+// read before or after it is caught by the address sanitizer.
+struct TestImage {
+  int width, height, depth, pixelBytes, rowBytes;
+  std::vector<char> bytes;
+
+  TestImage(int w, int h, int bitDepth, int paddingBytes = 24)
+      : width(w), height(h), depth(bitDepth), pixelBytes(PixelBytesOf(bitDepth)),
+        rowBytes(w * PixelBytesOf(bitDepth) + paddingBytes),
+        bytes(static_cast<size_t>(rowBytes) * h, static_cast<char>(kPaddingByte)) {
+    Fill({0, 0, 0, 0});
+  }
+
+  char* At(int x, int y) { return bytes.data() + static_cast<size_t>(y) * rowBytes + x * pixelBytes; }
+
+  void Set(int x, int y, const Px& p) {
+    const float ch[4] = {p.a, p.r, p.g, p.b};
+    char* dst = At(x, y);
+    for (int c = 0; c < 4; ++c) {
+      if (depth == 8) {
+        dst[c] = static_cast<char>(static_cast<uint8_t>(ch[c]));
+      } else if (depth == 16) {
+        const uint16_t v = static_cast<uint16_t>(ch[c]);
+        std::memcpy(dst + 2 * c, &v, 2);
+      } else {
+        std::memcpy(dst + 4 * c, &ch[c], 4);
+      }
+    }
+  }
+  Px Get(int x, int y) { return Decode(At(x, y), depth); }
+  void Fill(const Px& p) {
+    for (int y = 0; y < height; ++y)
+      for (int x = 0; x < width; ++x) Set(x, y, p);
+  }
+
+  static Px Decode(const char* src, int depth) {
+    float ch[4];
+    for (int c = 0; c < 4; ++c) {
+      if (depth == 8) {
+        ch[c] = static_cast<uint8_t>(src[c]);
+      } else if (depth == 16) {
+        uint16_t v;
+        std::memcpy(&v, src + 2 * c, 2);
+        ch[c] = v;
+      } else {
+        std::memcpy(&ch[c], src + 4 * c, 4);
+      }
+    }
+    return {ch[0], ch[1], ch[2], ch[3]};
+  }
+
+  // The record as the row callbacks fill it, without a kernel.
+  ResampleData Record() {
+    ResampleData rd;
+    std::memset(&rd, 0, sizeof(rd));
+    rd.baseAddr = bytes.data();
+    rd.rowBytes = rowBytes;
+    rd.pixelBytes = pixelBytes;
+    rd.bitDepth = depth;
+    rd.width = width;
+    rd.height = height;
+    rd.colorMax = depth == 32 ? 1.0e10f : ChannelMax(depth);
+    rd.alphaMax = ChannelMax(depth);
+    return rd;
+  }
+};
+
+using SamplerFunc = void (*)(ResampleData*, const FGulpPt&, void*);
+
+// Runs a sampler over the positions (in runs of up to 64) and returns the pixels it wrote;
+// checks that nothing is written past the run.
+inline std::vector<Px> RunSampler(SamplerFunc sampler, ResampleData rd, const std::vector<float>& xs,
+                                  const std::vector<float>& ys) {
+  std::vector<Px> result;
+  for (size_t start = 0; start < xs.size(); start += 64) {
+    const int n = static_cast<int>(std::min<size_t>(64, xs.size() - start));
+    FGulpPt pos;
+    pos.x.SetLen(n, 0);
+    pos.y.SetLen(n, 0);
+    for (int k = 0; k < n; ++k) {
+      pos.x[k] = xs[start + k];
+      pos.y[k] = ys[start + k];
+    }
+    std::vector<char> out(static_cast<size_t>(n + 2) * rd.pixelBytes, 0x5A);
+    sampler(&rd, pos, out.data());
+    for (size_t b = static_cast<size_t>(n) * rd.pixelBytes; b < out.size(); ++b)
+      EXPECT_EQ(out[b], 0x5A) << "byte written past the run at " << b;
+    for (int k = 0; k < n; ++k) result.push_back(TestImage::Decode(out.data() + k * rd.pixelBytes, rd.bitDepth));
+  }
+  return result;
+}
+
+inline Px RunOne(SamplerFunc sampler, const ResampleData& rd, float x, float y) {
+  return RunSampler(sampler, rd, {x}, {y}).at(0);
+}
+
+// Sets or clears the SSE4.1 bit of the feature word for one scope.
+struct ScopedSse41Route {
+  explicit ScopedSse41Route(bool on) : saved(cpu_features.load()) {
+    cpu_features.store(on ? (saved | kCpuSSE41) : (saved & ~kCpuSSE41));
+  }
+  ~ScopedSse41Route() { cpu_features.store(saved); }
+  int32_t saved;
+};
+
+template <class Body>
+void ForEachRoute(Body body) {
+  for (bool sse41 : {false, true}) {
+    SCOPED_TRACE(sse41 ? "SSE4.1 route" : "conversion route");
+    ScopedSse41Route route(sse41);
+    body();
+  }
+}
+
+template <class Body>
+void ForEachDepthAndRoute(Body body) {
+  for (int depth : {8, 16, 32}) {
+    SCOPED_TRACE(testing::Message() << depth << "-bit");
+    ForEachRoute([&] { body(depth); });
+  }
+}
+
+// Independent kernels for expectations: normalised sinc products and the general B, C cubic
+// with B = C = 1/3, in long double with the true pi. lobes 2 or 3 is Lanczos, 0 Mitchell.
+inline long double ReferenceKernel(int lobes, long double d) {
+  const long double pi = 3.141592653589793238462643383279502884L;
+  auto sinc = [&](long double v) { return v == 0 ? 1.0L : std::sin(pi * v) / (pi * v); };
+  if (lobes != 0) return d < lobes ? sinc(d) * sinc(d / lobes) : 0.0L;
+  const long double B = 1.0L / 3, C = 1.0L / 3;
+  if (d < 1) return ((12 - 9 * B - 6 * C) * d * d * d + (-18 + 12 * B + 6 * C) * d * d + (6 - 2 * B)) / 6;
+  if (d < 2)
+    return ((-B - 6 * C) * d * d * d + (6 * B + 30 * C) * d * d + (-12 * B - 48 * C) * d + (8 * B + 24 * C)) / 6;
+  return 0.0L;
+}
+
+}  // namespace resample_test
+
+#endif
