@@ -9,6 +9,7 @@
 #include <cstdint>
 
 #include "lens/LensData.h"
+#include "lens/LensPolynomial.h"
 
 namespace {
 
@@ -65,12 +66,7 @@ void FindMonotonicLimit(VtAFXLensData& lens) {
   // A degenerate frame (zero height) has no finite corner; there is nothing to search then.
   if (!std::isfinite(searchEnd)) return;
 
-  const double k2 = lens.quadraticF;
-  const double k3 = lens.cubicF;
-  const double k4 = lens.quarticF;
-  const double slope2 = 3.0 * k2;
-  const double slope3 = 4.0 * k3;
-  const double slope4 = 5.0 * k4;
+  const LensPolynomial poly(lens);
 
   static const float kSteps[3] = {0.002f, 0.0006f, 0.00018f};
   float u = 0.0f;
@@ -82,11 +78,8 @@ void FindMonotonicLimit(VtAFXLensData& lens) {
       // Once the step no longer moves u (only for absurdly wide frames) nothing can change
       // any more; stop rather than spin.
       if (next == u) break;
-      const double un = next;
-      const double un2 = un * un;
-      const double slope = (slope4 * un2 + (slope3 * un + slope2)) * un2 + 1.0;
-      if (slope <= 0.0) break;
-      const double rn = ((k4 * un2 + (k3 * un + k2)) * un2 + 1.0) * un;
+      if (poly.Slope(next) <= 0.0) break;
+      const double rn = poly.Value(next);
       if (rn <= static_cast<double>(r)) break;
       lens.limitUndistorted = next;
       lens.limitDistorted = static_cast<float>(rn);

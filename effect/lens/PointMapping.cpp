@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "lens/LensPolynomial.h"
+
 float UndistortRatio(const VtAFXLensData& lens, float r) {
   if (r == 0.0f) return 1.0f;
 
@@ -10,20 +12,13 @@ float UndistortRatio(const VtAFXLensData& lens, float r) {
     // Beyond the limit P no longer rises (or was not searched): hold the radius there.
     u = lens.limitUndistorted;
   } else {
-    const double k2 = lens.quadraticF;
-    const double k3 = lens.cubicF;
-    const double k4 = lens.quarticF;
-    const double slope2 = 3.0 * k2;
-    const double slope3 = 4.0 * k3;
-    const double slope4 = 5.0 * k4;
+    const LensPolynomial poly(lens);
     const double target = r;
     u = target;
     for (int update = 0; update < 20; ++update) {
-      const double u2 = u * u;
-      const double f = ((k4 * u2 + (k3 * u + k2)) * u2 + 1.0) * u;
-      const double e = target - f;
+      const double e = target - poly.Value(u);
       if (-0.000001 < e && e < 0.000001) break;
-      u = u + e / ((slope4 * u2 + (slope3 * u + slope2)) * u2 + 1.0);
+      u = u + e / poly.Slope(u);
     }
     // Twenty updates without meeting the tolerance: the last estimate stands.
   }
