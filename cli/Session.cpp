@@ -1,5 +1,7 @@
 #include "Session.h"
 
+#include <dlfcn.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -21,12 +23,18 @@ std::string ResolvePluginPath(const std::string& option) {
 }
 
 std::unique_ptr<hostsim::PluginModule> LoadEffect(const std::string& path) {
+  std::unique_ptr<hostsim::PluginModule> module;
   try {
-    return std::make_unique<hostsim::PluginModule>(path);
+    module = std::make_unique<hostsim::PluginModule>(path);
   } catch (const std::exception& e) {
     throw EffectError("cannot load the effect plug-in " + path + ": " + e.what() +
                       " (choose one with --plugin or VELTRISCA_PLUGIN)");
   }
+  // The effect builds its kernel tables once per process and never frees them; a host keeps
+  // a plug-in loaded until it quits. Mark the library as never to be unmapped, so that those
+  // tables stay owned by its globals instead of being orphaned when the module is closed.
+  dlopen(path.c_str(), RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE);
+  return module;
 }
 
 std::string EffectErrorText(PF_Err err) {
