@@ -71,6 +71,15 @@ TempOutputFile::~TempOutputFile() {
 }
 
 void TempOutputFile::Commit() {
+  // A file system may report a lost write (no space left, an I/O error) only when the data
+  // reaches the disk; it must not be renamed over the target before that is known.
+  const int fd = open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0 || (fsync(fd) != 0 && errno != EINVAL && errno != EROFS)) {
+    const int why = errno;
+    if (fd >= 0) close(fd);
+    throw IoError("cannot write " + target_ + ": " + std::strerror(why));
+  }
+  close(fd);
   if (std::rename(path_.c_str(), target_.c_str()) != 0) {
     const int why = errno;
     throw IoError("cannot move the finished image to " + target_ + ": " + std::strerror(why));

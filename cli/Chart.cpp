@@ -9,6 +9,7 @@
 
 #include "AtomicFile.h"
 #include "CliError.h"
+#include "ImageIO.h"
 #include "Memory.h"
 
 namespace veltrisca {
@@ -143,12 +144,8 @@ void WriteChart(const std::string& path, ImageSize size, const std::string& dept
   spec.attribute("oiio:UnassociatedAlpha", 1);  // opaque anyway; never rescale colour
   TempOutputFile temp(path);
   auto out = OIIO::ImageOutput::create(temp.path());
-  if (!out || !out->open(temp.path(), spec) ||
-      !out->write_image(OIIO::TypeDesc::FLOAT, rgba.data()) || !out->close()) {
-    const std::string why = out ? out->geterror() : OIIO::geterror();
-    throw IoError(path + ": " + why);
-  }
-  out.reset();
+  if (!out) throw IoError(path + ": " + OIIO::geterror());
+  WriteImageFile(std::move(out), temp.path(), path, spec, OIIO::TypeDesc::FLOAT, rgba.data());
   temp.Commit();
 }
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdio>
 #include <new>
 
 #include "AtomicFile.h"
@@ -192,6 +193,23 @@ constexpr const char* kExitCodes =
     "(unreadable or unsupported image, unwritable output, not enough memory),\n"
     "3 the effect could not be loaded or returned an error.";
 
+// Every message is one line: control characters (a file name may hold a line break) are
+// written as escapes.
+std::string OneLine(const std::string& message) {
+  std::string line;
+  for (const char c : message) {
+    const unsigned char u = static_cast<unsigned char>(c);
+    if (u < 0x20 || u == 0x7f) {
+      char escaped[8];
+      std::snprintf(escaped, sizeof escaped, "\\x%02x", u);
+      line += escaped;
+    } else {
+      line += c;
+    }
+  }
+  return line;
+}
+
 }  // namespace
 
 int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
@@ -254,7 +272,7 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
   } catch (const CLI::CallForVersion& e) {
     return app.exit(e, out, err);
   } catch (const CLI::ParseError& e) {
-    err << "veltrisca: " << e.what() << " (see veltrisca --help)\n";
+    err << "veltrisca: " << OneLine(e.what()) << " (see veltrisca --help)\n";
     return kExitUsage;
   }
 
@@ -263,13 +281,13 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
     if (*renderApp) return RunRender(render, plugin, err);
     return RunChart(chart);
   } catch (const CliError& e) {
-    err << "veltrisca: " << e.what() << "\n";
+    err << "veltrisca: " << OneLine(e.what()) << "\n";
     return e.exitCode();
   } catch (const std::bad_alloc&) {
     err << "veltrisca: out of memory\n";
     return kExitIo;
   } catch (const std::exception& e) {
-    err << "veltrisca: " << e.what() << "\n";
+    err << "veltrisca: " << OneLine(e.what()) << "\n";
     return kExitIo;
   }
 }

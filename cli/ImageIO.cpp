@@ -1,7 +1,14 @@
 #include "ImageIO.h"
 
+#include <OpenImageIO/filesystem.h>
+#include <sys/stat.h>
+#include <zlib.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <vector>
 
 #include "CliError.h"
@@ -88,11 +95,81 @@ std::string ReaderError(const std::string& path, const std::string& why) {
   return path + ": " + (reason.empty() ? std::string("cannot read the image") : reason);
 }
 
+// Image readers wait forever on a pipe and read /dev/zero without end; only regular files (or
+// links to them) are images.
+void CheckRegularFile(const std::string& path) {
+  struct stat st {};
+  if (path.empty()) throw IoError("IN is an empty file name");
+  if (stat(path.c_str(), &st) != 0) {
+    const int why = errno;
+    throw IoError(path + ": cannot open: " + std::strerror(why));
+  }
+  if (S_ISDIR(st.st_mode)) throw IoError(path + ": is a directory, not an image file");
+  if (!S_ISREG(st.st_mode)) throw IoError(path + ": not a regular file, so not an image file");
+}
+
+uint32_t BigEndian32(const unsigned char* b) {
+  return (uint32_t{b[0]} << 24) | (uint32_t{b[1]} << 16) | (uint32_t{b[2]} << 8) | b[3];
+}
+
+// A chunk type for messages: PNG types are four ASCII letters; anything else is damage.
+std::string ChunkName(const unsigned char* type) {
+  for (int i = 0; i < 4; ++i) {
+    const unsigned char c = type[i];
+    if (!((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'))) return "a damaged chunk";
+  }
+  return "the " + std::string(reinterpret_cast<const char*>(type), 4) + " chunk";
+}
+
+// OpenImageIO 2.4 reads a PNG only as far as its last image row, and lets libpng print its own
+// "libpng error" line on stderr before it reports damage. Walking the chunks first (lengths and
+// checksums, up to IEND) refuses a cut-off or damaged PNG with one clear message, a file cut
+// off after its pixels and a damaged text chunk included. Other files are left to the readers.
+void CheckPngChunks(const std::string& path) {
+  static const unsigned char kSignature[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n'};
+  std::ifstream in(path, std::ios::binary);
+  unsigned char head[8];
+  if (!in.read(reinterpret_cast<char*>(head), 8) || std::memcmp(head, kSignature, 8) != 0) return;
+  std::vector<unsigned char> buffer(1 << 16);
+  uint64_t offset = 8;
+  for (;;) {
+    const std::string at = " at byte " + std::to_string(offset);
+    if (!in.read(reinterpret_cast<char*>(head), 8)) {
+      throw IoError(path + ": truncated PNG file (it ends" + at + " without an IEND chunk)");
+    }
+    const uint32_t length = BigEndian32(head);
+    const std::string chunk = ChunkName(head + 4);
+    if (length > 0x7FFFFFFFu) {
+      throw IoError(path + ": corrupt PNG file (" + chunk + at + " has an impossible length)");
+    }
+    uLong crc = crc32(0L, head + 4, 4);
+    for (uint32_t left = length; left > 0;) {
+      const uint32_t n = std::min<uint32_t>(left, static_cast<uint32_t>(buffer.size()));
+      if (!in.read(reinterpret_cast<char*>(buffer.data()), n)) {
+        throw IoError(path + ": truncated PNG file (" + chunk + at + " is cut off)");
+      }
+      crc = crc32(crc, buffer.data(), n);
+      left -= n;
+    }
+    unsigned char stored[4];
+    if (!in.read(reinterpret_cast<char*>(stored), 4)) {
+      throw IoError(path + ": truncated PNG file (" + chunk + at + " is cut off)");
+    }
+    if (BigEndian32(stored) != static_cast<uint32_t>(crc)) {
+      throw IoError(path + ": corrupt PNG file (" + chunk + at + " fails its checksum)");
+    }
+    if (std::memcmp(head + 4, "IEND", 4) == 0) return;
+    offset += 12 + uint64_t{length};
+  }
+}
+
 }  // namespace
 
 InputImage OpenInputImage(const std::string& path) {
   InputImage image;
   image.path = path;
+  CheckRegularFile(path);
+  CheckPngChunks(path);
   // Keep unassociated alpha as it is stored: values pass through unchanged.
   OIIO::ImageSpec config;
   config.attribute("oiio:UnassociatedAlpha", 1);
@@ -136,9 +213,14 @@ std::unique_ptr<World> ReadLayer(InputImage& image) {
   const int w = image.spec.width, h = image.spec.height, n = image.channels;
   const size_t rowSamples = static_cast<size_t>(w) * n;
   std::vector<uint8_t> buffer(rowSamples * h * SampleBytes(image.depth));
-  if (!image.reader->read_image(0, 0, 0, n, BufferType(image.depth), buffer.data())) {
-    throw IoError(ReaderError(image.path, image.reader->geterror()));
-  }
+  // OpenImageIO 2.4's TIFF reader can record a failed strip (a cut-off or damaged file) and
+  // still report success with the strip left 0, and its JPEG reader reports a cut-off file
+  // only that way: an error recorded while reading is a failed read. (Whatever opening left
+  // behind is dropped first.)
+  image.reader->geterror();
+  const bool read = image.reader->read_image(0, 0, 0, n, BufferType(image.depth), buffer.data());
+  const std::string readError = image.reader->geterror();
+  if (!read || !readError.empty()) throw IoError(ReaderError(image.path, readError));
   image.reader->close();
   auto layer = std::make_unique<World>(image.depth, w, h);
   const ChannelMap map = MapChannels(n, image.grey, image.alphaIndex);
@@ -273,10 +355,71 @@ void WriteRenderedImage(const std::string& path, const std::string& shownPath,
   auto out = OIIO::ImageOutput::create(path);
   if (!out) throw IoError(ReaderError(shownPath, OIIO::geterror()));
   const OIIO::ImageSpec spec = OutputSpec(input, layout, outW, outH, out->format_name());
-  if (!out->open(path, spec) || !out->write_image(BufferType(depth), buffer.data()) ||
-      !out->close()) {
-    throw IoError(ReaderError(shownPath, out->geterror()));
+  WriteImageFile(std::move(out), path, shownPath, spec, BufferType(depth), buffer.data());
+}
+
+namespace {
+
+// Writes through stdio like OpenImageIO's own file proxy, but remembers the first failed write:
+// several of its writers ignore what a write returns, so a full disk or a file size limit
+// would otherwise leave a cut-off file that looks written.
+class CheckedFileProxy final : public OIIO::Filesystem::IOFile {
+ public:
+  explicit CheckedFileProxy(const std::string& path) : IOFile(path, Write) {
+    if (!m_file) Fail(errno);
   }
+  // Not "file": some writers (JPEG) take the FILE* of a "file" proxy and write to it directly,
+  // past these checks.
+  const char* proxytype() const override { return "checkedfile"; }
+  size_t write(const void* data, size_t size) override {
+    return Note(IOFile::write(data, size), size);
+  }
+  size_t pwrite(const void* data, size_t size, int64_t offset) override {
+    return Note(IOFile::pwrite(data, size, offset), size);
+  }
+  void close() override {
+    if (m_file && (std::fflush(m_file) != 0 || std::ferror(m_file))) Fail(errno);
+    IOFile::close();
+  }
+  bool failed() const { return failed_; }
+  const std::string& why() const { return why_; }
+
+ private:
+  size_t Note(size_t done, size_t wanted) {
+    if (done != wanted) Fail(errno);
+    return done;
+  }
+  void Fail(int err) {
+    if (failed_) return;
+    failed_ = true;
+    why_ = err != 0 ? std::strerror(err) : "write failed";
+  }
+
+  bool failed_ = false;
+  std::string why_;
+};
+
+}  // namespace
+
+void WriteImageFile(std::unique_ptr<OIIO::ImageOutput> writer, const std::string& path,
+                    const std::string& shownPath, const OIIO::ImageSpec& spec,
+                    OIIO::TypeDesc type, const void* pixels) {
+  std::unique_ptr<CheckedFileProxy> proxy;
+  // Declared after the proxy, so destroyed before it: a writer that failed may still write
+  // through the proxy when it is destroyed (the TIFF writer does).
+  const std::unique_ptr<OIIO::ImageOutput> out = std::move(writer);
+  if (out->supports("ioproxy")) {
+    proxy = std::make_unique<CheckedFileProxy>(path);
+    if (proxy->failed()) throw IoError(shownPath + ": cannot write: " + proxy->why());
+    out->set_ioproxy(proxy.get());
+  }
+  const bool written = out->open(path, spec) && out->write_image(type, pixels) && out->close();
+  const std::string writerError = written ? std::string() : out->geterror();
+  if (proxy) proxy->close();
+  // The proxy knows the system's reason (no space, file too large); the writer's own message
+  // is often only a consequence of it.
+  if (proxy && proxy->failed()) throw IoError(shownPath + ": cannot write: " + proxy->why());
+  if (!written) throw IoError(ReaderError(shownPath, writerError));
 }
 
 }  // namespace veltrisca

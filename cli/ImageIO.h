@@ -34,7 +34,8 @@ struct InputImage {
 };
 
 // Opens a file and reads its header only; throws CliError(kExitIo) for a missing or
-// unreadable file or an unsupported channel count.
+// unreadable file, one that is not a regular file, a cut-off or damaged PNG (its chunks are
+// checked first), or an unsupported channel count.
 InputImage OpenInputImage(const std::string& path);
 // Reads the pixels into a new world at layer origin (0, 0); closes the file.
 std::unique_ptr<hostsim::World> ReadLayer(InputImage& image);
@@ -58,6 +59,13 @@ OutputLayout ChooseOutputLayout(const InputImage& input, bool forceAlpha);
 void WriteRenderedImage(const std::string& path, const std::string& shownPath,
                         const InputImage& input, const OutputLayout& layout,
                         const hostsim::World* rendered, const PF_LRect& window);
+
+// Writes one image with `writer` (created for `path`; destroyed here) and fails
+// (CliError(kExitIo)) on any failed write, also those the format's writer overlooks;
+// `shownPath` names the file in messages.
+void WriteImageFile(std::unique_ptr<OIIO::ImageOutput> writer, const std::string& path,
+                    const std::string& shownPath, const OIIO::ImageSpec& spec,
+                    OIIO::TypeDesc type, const void* pixels);
 
 // Fails early (CliError(kExitIo)) when no writer exists for the name's extension or the
 // format cannot hold the layout's alpha channel.

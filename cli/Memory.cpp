@@ -3,7 +3,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdint>
+#include <cstdlib>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -21,6 +23,28 @@ bool ReadNumberFile(const char* path, uint64_t* value) {
   if (!(in >> v)) return false;
   *value = v;
   return true;
+}
+
+// "4096", "512M", "2G": a whole number of bytes with an optional K, M, G or T (powers of 1024).
+uint64_t ParseByteCount(const std::string& name, const std::string& text) {
+  const std::string expected = name + ": expected a whole number of bytes, optionally with K, M, G "
+                               "or T (binary multiples), got \"" + text + "\"";
+  size_t digits = 0;
+  while (digits < text.size() && std::isdigit(static_cast<unsigned char>(text[digits]))) ++digits;
+  if (digits == 0 || digits > 19 || text.size() > digits + 1) throw UsageError(expected);
+  int shift = 0;
+  if (text.size() == digits + 1) {
+    switch (std::toupper(static_cast<unsigned char>(text[digits]))) {
+      case 'K': shift = 10; break;
+      case 'M': shift = 20; break;
+      case 'G': shift = 30; break;
+      case 'T': shift = 40; break;
+      default: throw UsageError(expected);
+    }
+  }
+  const uint64_t count = std::stoull(text.substr(0, digits));
+  if (count > (UINT64_MAX >> shift)) throw UsageError(expected);
+  return count << shift;
 }
 
 }  // namespace
@@ -55,7 +79,13 @@ uint64_t AvailableMemoryBytes() {
     available = available == 0 ? room : std::min(available, room);
   }
   // Nothing readable: do not refuse work on a guess.
-  return available == 0 ? UINT64_MAX : available;
+  if (available == 0) available = UINT64_MAX;
+  // A limit of the user's own, e.g. to keep the tool within its share of a shared machine.
+  const char* limitText = std::getenv("VELTRISCA_MEMORY_LIMIT");
+  if (limitText && *limitText) {
+    available = std::min(available, ParseByteCount("VELTRISCA_MEMORY_LIMIT", limitText));
+  }
+  return available;
 }
 
 std::string ByteText(uint64_t bytes) {

@@ -8,7 +8,9 @@
 namespace veltrisca {
 
 // Bytes the system can still hand out: MemAvailable of /proc/meminfo (falling back to free
-// pages from sysconf), capped by the control group's limit when one is set.
+// pages from sysconf), capped by the control group's limit when one is set, and by
+// $VELTRISCA_MEMORY_LIMIT when that is set ("512M", "2G", ...; throws CliError(kExitUsage) if
+// it is malformed).
 // UINT64_MAX when none of these can be read.
 uint64_t AvailableMemoryBytes();
 

@@ -236,6 +236,8 @@ PF_Err Host::SmartPreRender(const PF_LRect& request, PreRenderReport* report) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     paramCheckouts_.clear();
+    // Each frame starts a new log, so that a long run of frames does not grow the host.
+    suiteEvents_.clear();
   }
   preRender_ = PreRenderReport{};
   haveCheckout_ = false;
@@ -269,6 +271,7 @@ PF_Err Host::SmartRender(std::unique_ptr<World>* output) {
   if (!havePreRender_) throw std::logic_error("SmartRender needs a SmartPreRender first");
   checkedOutInput_.reset();
   checkedOutOutput_.reset();
+  if (reuseOutput && output) spareOutput_ = std::move(*output);
 
   PF_SmartRenderInput input{};
   input.output_request = lastOutputRequest_;
@@ -287,6 +290,7 @@ PF_Err Host::SmartRender(std::unique_ptr<World>* output) {
   if (output) *output = std::move(checkedOutOutput_);
   checkedOutOutput_.reset();
   checkedOutInput_.reset();
+  spareOutput_.reset();
   ReleasePreRenderData();
   return err;
 }
@@ -410,6 +414,11 @@ void HostCallbacks::RecordSubpixel(Host* host, PF_Fixed x, PF_Fixed y) {
     std::lock_guard<std::mutex> lock(host->mutex_);
     host->subpixelPositions_.emplace_back(x, y);
   }
+}
+
+void HostCallbacks::AddSubpixelCalls(Host* host, int calls) {
+  host->subpixelCalls_.fetch_add(calls);
+  host->callCounts_[static_cast<size_t>(HostCall::SubpixelSample)].fetch_add(calls);
 }
 
 bool HostCallbacks::FormatOverride(Host* host, PF_PixelFormat* format) {

@@ -162,8 +162,19 @@ class Host {
   // Row padding in bytes of the worlds the host hands to the effect.
   int inputPaddingBytes = 0;
   int outputPaddingBytes = 0;
-  // Every byte of the output world (padding included) is set to this before the render.
+  // Every byte of the output world (padding included) is set to this before the render,
+  // unless clearOutput is off (then a new world holds zeros and a reused one what it held).
   uint8_t outputClearByte = 0;
+  bool clearOutput = true;
+  // The input the effect checks out points into the layer's own pixels (World::Lend) instead
+  // of being a copy, as a real host hands over its buffers; only when the supplied rectangle
+  // lies inside the layer (inputPaddingBytes does not apply then). Off by default, so that an
+  // effect reading past its input is caught by the sanitizers at the copy's end.
+  bool lendInputLayer = false;
+  // SmartRender renders into the world the caller passes in *output when that world has the
+  // depth, size, origin and padding the render needs (a host's buffer pool), instead of
+  // allocating a new one.
+  bool reuseOutput = false;
   // The PF_PreRenderOutput the host hands to the effect, before the effect writes it.
   PF_PreRenderOutput preRenderOutputPreset{};
 
@@ -193,8 +204,9 @@ class Host {
   PF_Err SmartPreRender(const PF_LRect& request, PreRenderReport* report = nullptr);
   // Renders after a pre-render (throws std::logic_error without one). The output world is
   // sized from the pre-render's result_rect with that rectangle's top-left as origin and
-  // filled with outputClearByte first; it is handed back even when the effect fails, and is
-  // null when the effect did not check it out or the result rectangle was empty.
+  // filled with outputClearByte first (see clearOutput and reuseOutput); it is handed back
+  // even when the effect fails, and is null when the effect did not check it out or the
+  // result rectangle was empty.
   PF_Err SmartRender(std::unique_ptr<World>* output);
 
   // --- what the host saw ---
@@ -210,7 +222,9 @@ class Host {
   bool AllSuitesReleased() const;  // every acquisition matched by a release
   // Releases of suites not held at the time (refused by the host, not in ReleaseCount).
   int UnheldReleaseCount() const { return unheldReleases_.load(); }
-  std::vector<SuiteEvent> suiteEvents() const;  // every acquire and release, in order
+  // Every acquire and release since the last SmartPreRender began (or since construction),
+  // in order.
+  std::vector<SuiteEvent> suiteEvents() const;
   std::vector<int> iteratedRows() const;  // rows the last iterate passed to the callback, sorted
   IterateRecord lastIterate() const;
   std::vector<ParamCheckout> paramCheckouts() const;  // since the last SmartPreRender began
@@ -254,6 +268,7 @@ class Host {
   PF_PreRenderOutput lastPreRender_{};
   std::unique_ptr<World> checkedOutInput_;
   std::unique_ptr<World> checkedOutOutput_;
+  std::unique_ptr<World> spareOutput_;  // the caller's world offered for reuse
   bool outputCheckedOut_ = false;
 
   std::vector<PF_ParamDef> addedParams_;

@@ -22,6 +22,32 @@ namespace hostsim {
 namespace {
 
 thread_local Host* current_host = nullptr;
+
+// Sub-pixel sampler calls made by one thread's share of an iterate, counted here and added
+// to the host's totals when the share ends: two shared atomic counters per pixel would have
+// the iterate threads fight over one cache line.
+struct SubpixelTally {
+  Host* host = nullptr;
+  int calls = 0;
+};
+thread_local SubpixelTally subpixel_tally;
+
+// This thread's share of an iterate of `host`: sampler calls are tallied until it ends.
+class TallyScope {
+ public:
+  explicit TallyScope(Host* host) : previous_(subpixel_tally) { subpixel_tally = {host, 0}; }
+  ~TallyScope() {
+    if (subpixel_tally.calls > 0) {
+      HostCallbacks::AddSubpixelCalls(subpixel_tally.host, subpixel_tally.calls);
+    }
+    subpixel_tally = previous_;
+  }
+  TallyScope(const TallyScope&) = delete;
+  TallyScope& operator=(const TallyScope&) = delete;
+
+ private:
+  SubpixelTally previous_;
+};
 std::mutex registry_mutex;
 std::vector<Host*> live_hosts;  // in order of creation
 
@@ -129,7 +155,13 @@ PF_Err Sample(PF_ProgPtr effect_ref, PF_Fixed x, PF_Fixed y, const PF_SampPB* pa
               bool countAsSubpixel) {
   Host* host = HostCallbacks::FromRef(effect_ref);
   if (!host) return PF_Err_BAD_CALLBACK_PARAM;
-  if (countAsSubpixel) HostCallbacks::RecordSubpixel(host, x, y);
+  if (countAsSubpixel) {
+    if (subpixel_tally.host == host && !host->recordSamples) {
+      ++subpixel_tally.calls;
+    } else {
+      HostCallbacks::RecordSubpixel(host, x, y);
+    }
+  }
   PF_Err err = 0;
   if (HostCallbacks::ShouldFail(host, HostCall::SubpixelSample, &err)) return err;
   if (!params || !params->src || !dst) return PF_Err_BAD_CALLBACK_PARAM;
@@ -487,9 +519,13 @@ PF_Err HostCallbacks::CheckoutLayerPixels(PF_ProgPtr effect_ref, A_long checkout
   if (IsEmpty(rect)) return PF_Err_NONE;  // nothing was supplied: no pixels
   if (!host->checkedOutInput_) {
     try {
-      if (host->inputLayer_) {
+      if (host->lendInputLayer && host->inputLayer_) {
+        // The layer's own pixels; null when the rectangle reaches outside the layer.
+        host->checkedOutInput_ = World::Lend(*host->inputLayer_, rect);
+      }
+      if (!host->checkedOutInput_ && host->inputLayer_) {
         host->checkedOutInput_ = CopyRegion(*host->inputLayer_, rect, host->inputPaddingBytes);
-      } else {
+      } else if (!host->checkedOutInput_) {
         const int64_t w = int64_t{rect.right} - rect.left, h = int64_t{rect.bottom} - rect.top;
         if (w > std::numeric_limits<int>::max() || h > std::numeric_limits<int>::max()) {
           return PF_Err_OUT_OF_MEMORY;
@@ -531,16 +567,25 @@ PF_Err HostCallbacks::CheckoutOutput(PF_ProgPtr effect_ref, PF_EffectWorld** out
     if (w > std::numeric_limits<int>::max() || h > std::numeric_limits<int>::max()) {
       return PF_Err_OUT_OF_MEMORY;
     }
-    try {
-      host->checkedOutOutput_ =
-          std::make_unique<World>(HostCallbacks::RenderDepth(host), static_cast<int>(w), static_cast<int>(h),
-                                  rect.left, rect.top, host->outputPaddingBytes);
-    } catch (const std::bad_alloc&) {
-      return PF_Err_OUT_OF_MEMORY;
-    } catch (const std::length_error&) {
-      return PF_Err_OUT_OF_MEMORY;
+    const Depth depth = HostCallbacks::RenderDepth(host);
+    const World* spare = host->spareOutput_.get();
+    if (spare && !spare->lent() && spare->depth() == depth && spare->width() == w &&
+        spare->height() == h && spare->originX() == rect.left &&
+        spare->originY() == rect.top &&
+        spare->paddingBytes() == std::max(host->outputPaddingBytes, 0)) {
+      host->checkedOutOutput_ = std::move(host->spareOutput_);
+    } else {
+      try {
+        host->checkedOutOutput_ =
+            std::make_unique<World>(depth, static_cast<int>(w), static_cast<int>(h),
+                                    rect.left, rect.top, host->outputPaddingBytes);
+      } catch (const std::bad_alloc&) {
+        return PF_Err_OUT_OF_MEMORY;
+      } catch (const std::length_error&) {
+        return PF_Err_OUT_OF_MEMORY;
+      }
     }
-    host->checkedOutOutput_->FillBytes(host->outputClearByte);
+    if (host->clearOutput) host->checkedOutOutput_->FillBytes(host->outputClearByte);
   }
   *output = host->checkedOutOutput_->effectWorld();
   return PF_Err_NONE;
@@ -594,21 +639,23 @@ PF_Err HostCallbacks::Iterate(int depthBits, PF_InData* in_data, A_long progress
   const A_long bottom = std::min<A_long>(record.area.bottom, dst->height);
   if (left >= right || top >= bottom) return finish(PF_Err_NONE, {}, 0);
 
+  // Rows are handed out one at a time from a shared counter, so threads share them fairly
+  // whatever each row costs; nothing is allocated per row. Every row the counter handed out
+  // is passed to the callback, so the rows seen are top .. min(counter, bottom) - 1.
   std::atomic<A_long> nextRow{top};
   std::atomic<PF_Err> firstError{PF_Err_NONE};
   std::atomic<bool> stop{false};
-  std::mutex rowsMutex;
-  std::vector<int> rows;
-  int threadsUsed = 0;
+  std::atomic<int> threadsUsed{0};
 
   auto job = [&] {
     Scope scope(host);
-    std::vector<int> mine;
+    TallyScope tally(host);
+    bool ranRow = false;
     for (;;) {
-      if (stop.load()) break;
-      const A_long y = nextRow.fetch_add(1);
+      if (stop.load(std::memory_order_relaxed)) break;
+      const A_long y = nextRow.fetch_add(1, std::memory_order_relaxed);
       if (y >= bottom) break;
-      mine.push_back(y);
+      ranRow = true;
       auto* outRow = reinterpret_cast<Pixel*>(static_cast<uint8_t*>(dst->data) +
                                               static_cast<int64_t>(y) * dst->rowbytes);
       Pixel* inRow = nullptr;
@@ -627,9 +674,7 @@ PF_Err HostCallbacks::Iterate(int depthBits, PF_InData* in_data, A_long progress
         }
       }
     }
-    std::lock_guard<std::mutex> lock(rowsMutex);
-    if (!mine.empty()) ++threadsUsed;
-    rows.insert(rows.end(), mine.begin(), mine.end());
+    if (ranRow) threadsUsed.fetch_add(1);
   };
 
   const int wanted = host->threads > 0
@@ -642,7 +687,11 @@ PF_Err HostCallbacks::Iterate(int depthBits, PF_InData* in_data, A_long progress
     std::lock_guard<std::mutex> poolLock(host->poolMutex_);
     host->Pool(participants).Run(participants, job);
   }
-  return finish(firstError.load(), std::move(rows), threadsUsed);
+  std::vector<int> rows;
+  for (A_long y = top, end = std::min<A_long>(nextRow.load(), bottom); y < end; ++y) {
+    rows.push_back(y);
+  }
+  return finish(firstError.load(), std::move(rows), threadsUsed.load());
 }
 
 }  // namespace hostsim

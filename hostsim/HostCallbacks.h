@@ -29,6 +29,9 @@ struct HostCallbacks {
 
   static void Count(Host* host, HostCall call);
   static bool ShouldFail(Host* host, HostCall call, PF_Err* err) {
+    // Nothing armed is the common case, checked here without a call (per pixel for the
+    // host's sampler).
+    if (host->failuresArmed_.load(std::memory_order_relaxed) == 0) return false;
     return host->ShouldFail(call, err);
   }
 
@@ -37,6 +40,7 @@ struct HostCallbacks {
   static void DisposeHandle(Host* host, PF_Handle handle);
   static A_u_longlong HandleSize(Host* host, PF_Handle handle);
   static void RecordSubpixel(Host* host, PF_Fixed x, PF_Fixed y);
+  static void AddSubpixelCalls(Host* host, int calls);  // sampler calls counted elsewhere
   static bool FormatOverride(Host* host, PF_PixelFormat* format);
   static PF_Err NewSuiteWorld(Host* host, Depth depth, A_long width, A_long height,
                               PF_EffectWorld* world);

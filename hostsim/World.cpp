@@ -53,6 +53,7 @@ World::World(Depth depth, int width, int height, int originX, int originY, int p
 
   world_.world_flags =
       PF_WorldFlag_WRITEABLE | (depth == Depth::k16 ? A_long{PF_WorldFlag_DEEP} : A_long{0});
+  base_ = bytes_.data();
   world_.data = bytes_.empty() ? nullptr : bytes_.data();
   world_.rowbytes = static_cast<A_long>(rowBytes);
   world_.width = width;
@@ -62,6 +63,29 @@ World::World(Depth depth, int width, int height, int originX, int originY, int p
   world_.origin_x = originX;
   world_.origin_y = originY;
   world_.reserved_long3 = PixelFormatOf(depth);
+}
+
+World::World(LentTag, const World& layer, const PF_LRect& rect)
+    : depth_(layer.depth_), world_(layer.world_), lent_(true) {
+  const size_t pixelBytes = static_cast<size_t>(PixelBytes(depth_));
+  // The effect only reads its input; the host's world record is not const-qualified.
+  base_ = const_cast<uint8_t*>(layer.Row(rect.top - layer.originY())) +
+          static_cast<size_t>(rect.left - layer.originX()) * pixelBytes;
+  world_.data = base_;
+  world_.width = rect.right - rect.left;
+  world_.height = rect.bottom - rect.top;
+  world_.extent_hint = PF_LRect{0, 0, world_.width, world_.height};
+  world_.origin_x = rect.left;
+  world_.origin_y = rect.top;
+}
+
+std::unique_ptr<World> World::Lend(const World& layer, const PF_LRect& rect) {
+  const PF_LRect lb = layer.Bounds();
+  if (rect.left >= rect.right || rect.top >= rect.bottom || rect.left < lb.left ||
+      rect.top < lb.top || rect.right > lb.right || rect.bottom > lb.bottom) {
+    return nullptr;
+  }
+  return std::unique_ptr<World>(new World(LentTag{}, layer, rect));
 }
 
 PF_LRect World::Bounds() const {
@@ -139,7 +163,14 @@ void World::Fill(float a, float r, float g, float b) {
   }
 }
 
-void World::FillBytes(uint8_t byte) { std::fill(bytes_.begin(), bytes_.end(), byte); }
+void World::FillBytes(uint8_t byte) {
+  if (!lent_) {
+    std::fill(bytes_.begin(), bytes_.end(), byte);
+    return;
+  }
+  const size_t rowPayload = static_cast<size_t>(width()) * PixelBytes(depth_);
+  for (int y = 0; y < height(); ++y) std::memset(Row(y), byte, rowPayload);
+}
 
 std::vector<uint8_t> World::PackedBytes() const {
   const size_t rowPayload = static_cast<size_t>(width()) * PixelBytes(depth_);
@@ -155,7 +186,7 @@ std::vector<uint8_t> World::PaddingBytes() const {
   const size_t rowPayload = static_cast<size_t>(width()) * PixelBytes(depth_);
   const size_t padding = static_cast<size_t>(rowBytes()) - rowPayload;
   std::vector<uint8_t> out;
-  if (padding == 0) return out;
+  if (padding == 0 || lent_) return out;
   out.reserve(padding * static_cast<size_t>(height()));
   for (int y = 0; y < height(); ++y) {
     out.insert(out.end(), Row(y) + rowPayload, Row(y) + rowPayload + padding);

@@ -38,6 +38,15 @@ class World {
   World(const World&) = delete;
   World& operator=(const World&) = delete;
 
+  // A world that lends `rect` (layer coordinates) of `layer`'s own pixels instead of copying
+  // them, as a host hands an effect its layer's buffer: same depth and row stride, origin at
+  // the rectangle's top-left. Null unless the rectangle is non-empty and lies inside the
+  // layer. It owns nothing, must not outlive the layer, and is only to be read: its row
+  // padding is the layer's neighbouring pixels, so PaddingBytes() is empty and FillBytes()
+  // fills the pixels only (it must not be called on an input that others read).
+  static std::unique_ptr<World> Lend(const World& layer, const PF_LRect& rect);
+  bool lent() const { return lent_; }
+
   Depth depth() const { return depth_; }
   int width() const { return world_.width; }
   int height() const { return world_.height; }
@@ -51,10 +60,8 @@ class World {
   PF_EffectWorld* effectWorld() { return &world_; }
   const PF_EffectWorld* effectWorld() const { return &world_; }
 
-  uint8_t* Row(int y) { return bytes_.data() + static_cast<size_t>(y) * world_.rowbytes; }
-  const uint8_t* Row(int y) const {
-    return bytes_.data() + static_cast<size_t>(y) * world_.rowbytes;
-  }
+  uint8_t* Row(int y) { return base_ + static_cast<size_t>(y) * world_.rowbytes; }
+  const uint8_t* Row(int y) const { return base_ + static_cast<size_t>(y) * world_.rowbytes; }
   PF_Pixel* Pixel8(int x, int y) { return reinterpret_cast<PF_Pixel*>(Row(y)) + x; }
   PF_Pixel16* Pixel16(int x, int y) { return reinterpret_cast<PF_Pixel16*>(Row(y)) + x; }
   PF_PixelFloat* PixelF(int x, int y) { return reinterpret_cast<PF_PixelFloat*>(Row(y)) + x; }
@@ -74,17 +81,23 @@ class World {
   float Get(int x, int y, int c) const;
   void Set(int x, int y, int c, float value);
   void Fill(float a, float r, float g, float b);
-  // Every byte of the buffer, row padding included (to find writes past a row's end).
+  // Every byte of the buffer, row padding included (to find writes past a row's end); a lent
+  // world's pixels only.
   void FillBytes(uint8_t byte);
   // The payload bytes of every row (padding excluded), for exact comparisons.
   std::vector<uint8_t> PackedBytes() const;
-  // The bytes of the row padding of every row, in order.
+  // The bytes of the row padding of every row, in order (none for a lent world).
   std::vector<uint8_t> PaddingBytes() const;
 
  private:
+  struct LentTag {};
+  World(LentTag, const World& layer, const PF_LRect& rect);
+
   Depth depth_;
   PF_EffectWorld world_{};
   std::vector<uint8_t> bytes_;
+  uint8_t* base_ = nullptr;  // row 0: bytes_.data(), or the lender's pixels
+  bool lent_ = false;
 };
 
 // A world of `depth` covering `rect` (layer coordinates; origin = its left and top), with

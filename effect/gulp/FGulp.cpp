@@ -9,13 +9,17 @@
 #include <cstring>
 
 #include "gulp/CpuFeatures.h"
+#include "gulp/RoundingRoutes.h"
 
 namespace {
 
-using V = __m128;
+using rounding::ConversionRoute;
+using rounding::InstructionRoute;
+using rounding::Mask01;
+using rounding::V;
+using rounding::WithRoute;
 
 inline V Splat(float s) { return _mm_set1_ps(s); }
-inline V Mask01(V mask) { return _mm_and_ps(mask, _mm_set1_ps(1.0f)); }  // true -> 1.0
 
 inline int MinLen(int n) { return n; }
 template <class... Rest>
@@ -26,16 +30,22 @@ inline int MinLen(int n, int m, Rest... rest) {
 // Runs op over the result's blocks: each block of 8 is two aligned 4-lane vectors, and both
 // halves of every operand are loaded before the block is stored, so the result may alias
 // an operand. The result's len is the smallest operand len; len <= 0 stores nothing.
-template <class Op, class... Runs>
-FGulp& Map(FGulp& result, Op op, const Runs&... runs) {
-  const int n = MinLen(runs.len...);
-  float* out = result.data();
+// The element pointers are taken once, before the loop: the vector stores may alias any
+// object, so the compiler would otherwise reload every operand's offset per block.
+template <class Op, class... Ptrs>
+void MapBlocks(int n, float* out, Op op, const Ptrs*... in) {
   for (int i = 0; i < n; i += FGulp::kBlock) {
-    const V lo = op(_mm_load_ps(runs.data() + i)...);
-    const V hi = op(_mm_load_ps(runs.data() + i + 4)...);
+    const V lo = op(_mm_load_ps(in + i)...);
+    const V hi = op(_mm_load_ps(in + i + 4)...);
     _mm_store_ps(out + i, lo);
     _mm_store_ps(out + i + 4, hi);
   }
+}
+
+template <class Op, class... Runs>
+FGulp& Map(FGulp& result, Op op, const Runs&... runs) {
+  const int n = MinLen(runs.len...);
+  MapBlocks(n, result.data(), op, runs.data()...);
   result.len = n;
   return result;
 }
@@ -50,9 +60,10 @@ FGulp& Map2(FGulp& result, FGulp& second, Op op, const FGulp& a) {
   const int n = a.len;
   float* out = result.data();
   float* out2 = second.data();
+  const float* in = a.data();
   for (int i = 0; i < n; i += FGulp::kBlock) {
-    const VPair lo = op(_mm_load_ps(a.data() + i));
-    const VPair hi = op(_mm_load_ps(a.data() + i + 4));
+    const VPair lo = op(_mm_load_ps(in + i));
+    const VPair hi = op(_mm_load_ps(in + i + 4));
     _mm_store_ps(out + i, lo.first);
     _mm_store_ps(out + i + 4, hi.first);
     _mm_store_ps(out2 + i, lo.second);
@@ -61,43 +72,6 @@ FGulp& Map2(FGulp& result, FGulp& second, Op op, const FGulp& a) {
   result.len = n;
   second.len = n;
   return result;
-}
-
-// Route taken when the processor has SSE4.1: the round-to-integral instruction with the
-// direction explicit and the inexact exception suppressed. Exact for every input.
-struct InstructionRoute {
-  static V Floor(V x) { return _mm_round_ps(x, _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC); }
-  static V Ceil(V x) { return _mm_round_ps(x, _MM_FROUND_TO_POS_INF | _MM_FROUND_NO_EXC); }
-  static V Round(V x) { return _mm_round_ps(x, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC); }
-  static V Trunc(V x) { return _mm_round_ps(x, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC); }
-  static V PhaseDown(V x) { return Floor(x); }
-};
-
-// Route without SSE4.1: convert to int32 and back. The conversion returns INT32_MIN for NaN
-// and out-of-range values; zero results come back as +0.
-struct ConversionRoute {
-  static V Trunc(V x) { return _mm_cvtepi32_ps(_mm_cvttps_epi32(x)); }
-  static V Floor(V x) {
-    const V t = Trunc(x);
-    const V fix = _mm_and_ps(_mm_cmpneq_ps(t, x), _mm_cmplt_ps(x, _mm_setzero_ps()));
-    return _mm_sub_ps(t, Mask01(fix));
-  }
-  static V Ceil(V x) {
-    const V t = Trunc(x);
-    const V fix = _mm_and_ps(_mm_cmpneq_ps(t, x), _mm_cmpgt_ps(x, _mm_setzero_ps()));
-    return _mm_add_ps(t, Mask01(fix));
-  }
-  // Current rounding mode, which the program leaves at nearest-even.
-  static V Round(V x) { return _mm_cvtepi32_ps(_mm_cvtps_epi32(x)); }
-  // The scaled fraction is never negative, so truncation rounds it down.
-  static V PhaseDown(V x) { return Trunc(x); }
-};
-
-// Reads the feature word once and runs body with the route type it selects.
-template <class Body>
-FGulp& WithRoute(Body body) {
-  if (CpuHasSSE41()) return body(InstructionRoute{});
-  return body(ConversionRoute{});
 }
 
 // clip(v): lower limit first, then upper; a NaN v passes through (maxps/minps return their

@@ -1,6 +1,7 @@
 #include "host/RenderRows.h"
 
-#include <cmath>
+#include <smmintrin.h>
+
 #include <cstdint>
 #include <cstring>
 
@@ -19,7 +20,8 @@ PF_Fixed PixelsToFixed(float x) {
   if (fixed >= 2147483648.0f) {
     return INT32_MAX;
   }
-  return static_cast<PF_Fixed>(std::nearbyint(fixed));
+  // The conversion rounds in the current mode, which the program leaves at nearest-even.
+  return _mm_cvtss_si32(_mm_set_ss(fixed));
 }
 
 namespace {

@@ -1,5 +1,8 @@
 #include "host/SmartRender.h"
 
+#include <cstddef>
+#include <cstring>
+
 #include "AE_EffectCB.h"
 #include "AE_EffectCBSuites.h"
 #include "AE_EffectSuites.h"
@@ -53,6 +56,26 @@ PF_Err ReleaseHostSuites(PF_InData* in_data, PF_OutData* out_data, PF_Err err) {
   return err;
 }
 
+// Sets every pixel of the output to 0 in all channels (row padding is left alone).
+PF_Err ClearOutput(const PF_WorldSuite2* worldSuite, PF_EffectWorld* output) {
+  PF_PixelFormat format = PF_PixelFormat_INVALID;
+  const PF_Err err = worldSuite->PF_GetPixelFormat(output, &format);
+  if (err != PF_Err_NONE) return err;
+  size_t pixelBytes;
+  switch (format) {
+    case PF_PixelFormat_ARGB32: pixelBytes = sizeof(PF_Pixel); break;
+    case PF_PixelFormat_ARGB64: pixelBytes = sizeof(PF_Pixel16); break;
+    case PF_PixelFormat_ARGB128: pixelBytes = sizeof(PF_PixelFloat); break;
+    default: return PF_Err_BAD_CALLBACK_PARAM;
+  }
+  if (output->data == nullptr || output->width <= 0) return PF_Err_NONE;
+  char* row = reinterpret_cast<char*>(output->data);
+  for (A_long y = 0; y < output->height; ++y, row += output->rowbytes) {
+    std::memset(row, 0, static_cast<size_t>(output->width) * pixelBytes);
+  }
+  return PF_Err_NONE;
+}
+
 // Everything between acquiring and releasing the host suites. `err` is the acquisition's
 // result; the sampling suites are requested whatever it holds.
 PF_Err RenderFrame(PF_InData* in_data, AEGP_SuiteHandler& suites, const HostSuites& host,
@@ -88,9 +111,13 @@ PF_Err RenderFrame(PF_InData* in_data, AEGP_SuiteHandler& suites, const HostSuit
     return err;
   }
 
-  // An empty request can leave the host with no pixels to hand over: nothing to render.
-  if (input == nullptr || output == nullptr) {
-    return PF_Err_NONE;
+  if (output == nullptr) {
+    return PF_Err_NONE;  // an empty result rectangle: nothing to render into
+  }
+  if (input == nullptr) {
+    // No input pixels (the request mapped to nothing, or the host supplied nothing): every
+    // output pixel lies outside any input, which the samplers draw as transparent.
+    return ClearOutput(static_cast<const PF_WorldSuite2*>(host.world), output);
   }
 
   // One column wide: the host calls the row callback once per output row.

@@ -1,6 +1,18 @@
 #include "lens/RunMapping.h"
 
+#include <smmintrin.h>
+
+#include <algorithm>
+
+#include "gulp/RoundingRoutes.h"
 #include "lens/PointMapping.h"
+
+// Remove and the table path of Apply run as one pass over the blocks of the run: each block of
+// 8 elements (two groups of four) goes through every step of the mapping before the next
+// block starts, with the same single-precision operations, operands and order as the run
+// operations named in the comments (muladd, sumsq, hypot, LUTscale, modf, gatherLUT, blend,
+// divCHKZ, mulmul, mul), so the results are those of running the steps run by run. Both
+// result runs take the shorter of the two position runs' lengths, as the run operations give.
 
 void SolveUndistortRatios(const VtAFXLensData& lens, const FGulp& r, FGulp& ratio) {
   ratio.SetLen(r.len, 0);
@@ -12,92 +24,156 @@ void SolveUndistortRatios(const VtAFXLensData& lens, const FGulp& r, FGulp& rati
 
 namespace {
 
-// Apply: an output pixel at distorted radius r reads the input at the undistorted radius
-// P^-1(r), scaled by the zoom.
-void ApplyToNormalised(const VtAFXLensData& lens, const FGulpPt& out, FGulp& xs, FGulp& ys) {
+using V = __m128;
+
+inline V Splat(float s) { return _mm_set1_ps(s); }
+
+// muladd(a, s, t) = a*s + t and its mirror muladd(s, a, t) = s*a + t.
+inline V MulAdd(V a, V s, V t) { return _mm_add_ps(_mm_mul_ps(a, s), t); }
+
+// The last step of both modes: in = xs * pixScale + pixOffset (muladd).
+struct PixelTransform {
+  V scaleX, offsetX, scaleY, offsetY;
+  explicit PixelTransform(const VtAFXLensData& lens)
+      : scaleX(Splat(lens.pixScaleX)),
+        offsetX(Splat(lens.pixOffsetX)),
+        scaleY(Splat(lens.pixScaleY)),
+        offsetY(Splat(lens.pixOffsetY)) {}
+};
+
+// Runs group(x, y, &inX, &inY, lanes) over every group of four up to the end of the last
+// block of 8; lanes is the number of meaningful elements in the group (it may be 0 or less
+// for the second half of the last block).
+template <class Group>
+void ForEachGroup(const FGulpPt& out, FGulpPt& in, Group group) {
+  const int n = std::min(out.x.len, out.y.len);
+  const float* xs = out.x.data();
+  const float* ys = out.y.data();
+  float* inX = in.x.data();
+  float* inY = in.y.data();
+  for (int i = 0; i < n; i += 4) group(xs + i, ys + i, inX + i, inY + i, n - i);
+  // The block rule: whole blocks of 8 are stored.
+  if (n > 0 && n % 8 > 0 && n % 8 <= 4) {
+    const int i = n - n % 8 + 4;
+    group(xs + i, ys + i, inX + i, inY + i, 0);
+  }
+  in.x.len = n;
+  in.y.len = n;
+}
+
+// Remove: an output pixel at undistorted radius m (after the zoom) reads the input at the
+// distorted radius P(m). The polynomial is evaluated as it is, beyond the limit too. Factor
+// computes f from s2 by the case of the coefficients.
+template <class Factor>
+void RemoveRun(const VtAFXLensData& lens, const FGulpPt& out, FGulpPt& in, Factor factor) {
+  // The zoom is folded into the affine step, each product formed first in float.
+  const V scaleX = Splat(lens.normScaleX * lens.invZoom);
+  const V offsetX = Splat(lens.invZoom * lens.normOffsetX);
+  const V scaleY = Splat(lens.normScaleY * lens.invZoom);
+  const V offsetY = Splat(lens.invZoom * lens.normOffsetY);
+  const PixelTransform pix(lens);
+  ForEachGroup(out, in, [&](const float* x, const float* y, float* inX, float* inY, int) {
+    const V xn = MulAdd(_mm_load_ps(x), scaleX, offsetX);  // muladd(out.x, scale, offset)
+    const V yn = MulAdd(_mm_load_ps(y), scaleY, offsetY);
+    const V s2 = _mm_add_ps(_mm_mul_ps(xn, xn), _mm_mul_ps(yn, yn));  // sumsq(xn, yn)
+    const V f = factor(s2);
+    _mm_store_ps(inX, MulAdd(_mm_mul_ps(xn, f), pix.scaleX, pix.offsetX));  // mul, muladd
+    _mm_store_ps(inY, MulAdd(_mm_mul_ps(yn, f), pix.scaleY, pix.offsetY));
+  });
+}
+
+void Remove(const VtAFXLensData& lens, const FGulpPt& out, FGulpPt& in) {
+  const float k2f = lens.quadraticF, k3f = lens.cubicF, k4f = lens.quarticF;
+  const V k2 = Splat(k2f), k3 = Splat(k3f), k4 = Splat(k4f), one = Splat(1.0f);
+  if (k4f != 0.0f && k3f != 0.0f) {
+    RemoveRun(lens, out, in, [=](V s2) {
+      V t = _mm_sqrt_ps(s2);                // sqrt(s2)
+      t = MulAdd(t, k3, k2);                // muladd(t, k3, k2)
+      t = _mm_add_ps(_mm_mul_ps(k4, s2), t);  // muladd(k4, s2, t)
+      return MulAdd(t, s2, one);            // muladd(t, s2, 1)
+    });
+  } else if (k4f != 0.0f) {
+    RemoveRun(lens, out, in, [=](V s2) {
+      const V t = MulAdd(k4, s2, k2);       // muladd(k4, s2, k2)
+      return MulAdd(t, s2, one);            // muladd(t, s2, 1)
+    });
+  } else if (k3f != 0.0f) {
+    RemoveRun(lens, out, in, [=](V s2) {
+      const V t = MulAdd(_mm_sqrt_ps(s2), k3, k2);  // sqrt, muladd(t, k3, k2)
+      return MulAdd(t, s2, one);                    // muladd(t, s2, 1)
+    });
+  } else {
+    RemoveRun(lens, out, in, [=](V s2) { return MulAdd(s2, k2, one); });  // muladd(s2, k2, 1)
+  }
+}
+
+// Apply through the inverse table: an output pixel at distorted radius r reads the input at
+// the undistorted radius P^-1(r), interpolated in the table, scaled by the zoom.
+template <class Route>
+void ApplyTableRun(const VtAFXLensData& lens, const FGulpPt& out, FGulpPt& in) {
+  const V scaleX = Splat(lens.normScaleX), offsetX = Splat(lens.normOffsetX);
+  const V scaleY = Splat(lens.normScaleY), offsetY = Splat(lens.normOffsetY);
+  const V lutScale = Splat(lens.lutScale), top = Splat(2048.0f), zero = _mm_setzero_ps();
+  const V one = Splat(1.0f);
+  const V zoom = Splat(static_cast<float>(lens.zoom));
+  const PixelTransform pix(lens);
+  const float* table = lens.inverseTable;
+  ForEachGroup(out, in, [&](const float* x, const float* y, float* inX, float* inY, int lanes) {
+    const V xn = MulAdd(_mm_load_ps(x), scaleX, offsetX);
+    const V yn = MulAdd(_mm_load_ps(y), scaleY, offsetY);
+    const V r = _mm_sqrt_ps(_mm_add_ps(_mm_mul_ps(xn, xn), _mm_mul_ps(yn, yn)));  // hypot
+    // LUTscale: min(2048, max(0, r * lutScale)); the clamp keeps every index within 0..2048,
+    // and entry 2049 serves index 2048.
+    const V t = _mm_min_ps(top, _mm_max_ps(zero, _mm_mul_ps(r, lutScale)));
+    const V whole = Route::Floor(t);  // modf
+    const V frac = _mm_sub_ps(t, whole);
+    // gatherLUT of entries i and i + 1, i = whole truncated; lanes past the run's end (whose
+    // positions are arbitrary) read entry 0 instead.
+    alignas(16) int32_t index[4];
+    __m128i i = _mm_cvttps_epi32(whole);
+    if (lanes < 4) i = _mm_and_si128(i, _mm_cmpgt_epi32(_mm_set1_epi32(lanes), _mm_setr_epi32(0, 1, 2, 3)));
+    _mm_store_si128(reinterpret_cast<__m128i*>(index), i);
+    const V lo = _mm_setr_ps(table[index[0]], table[index[1]], table[index[2]], table[index[3]]);
+    const V hi = _mm_setr_ps(table[index[0] + 1], table[index[1] + 1], table[index[2] + 1],
+                             table[index[3] + 1]);
+    const V u = _mm_add_ps(lo, _mm_mul_ps(_mm_sub_ps(hi, lo), frac));  // blend(lo, hi, frac)
+    // divCHKZ(u, r): the divisor is 1 where r is 0, so the centre keeps u = entry 0 = 0.
+    const V divisor = _mm_add_ps(r, _mm_and_ps(_mm_cmpeq_ps(r, zero), one));
+    const V ratio = _mm_div_ps(u, divisor);
+    const V xs = _mm_mul_ps(_mm_mul_ps(zoom, xn), ratio);  // mulmul(zoom, xn, ratio)
+    const V ys = _mm_mul_ps(_mm_mul_ps(zoom, yn), ratio);
+    _mm_store_ps(inX, MulAdd(xs, pix.scaleX, pix.offsetX));
+    _mm_store_ps(inY, MulAdd(ys, pix.scaleY, pix.offsetY));
+  });
+}
+
+// Apply through the per-element solver, run by run: the table was judged inaccurate.
+void ApplySolved(const VtAFXLensData& lens, const FGulpPt& out, FGulpPt& in) {
   FGulp xn;
   FGulp yn;
   xn.muladd(out.x, lens.normScaleX, lens.normOffsetX);
   yn.muladd(out.y, lens.normScaleY, lens.normOffsetY);
   FGulp r;
   r.hypot(xn, yn);
-
   FGulp ratio;
-  if (lens.tableValid != 0) {
-    // The clamp keeps every index within 0..2048; entry 2049 serves index 2048.
-    FGulp t;
-    t.LUTscale(r, lens.lutScale, 2048.0f);
-    FGulp index;
-    FGulp frac;
-    frac.modf(t, index);
-    FGulp lo;
-    FGulp hi;
-    lo.gatherLUT(lens.inverseTable, index);
-    hi.gatherLUT(lens.inverseTable + 1, index);
-    FGulp u;
-    u.blend(lo, hi, frac);
-    ratio.divCHKZ(u, r);  // the centre keeps u = entry 0 = 0
-  } else {
-    SolveUndistortRatios(lens, r, ratio);
-  }
-
+  SolveUndistortRatios(lens, r, ratio);
   const float zoom = static_cast<float>(lens.zoom);
+  FGulp xs;
+  FGulp ys;
   xs.mulmul(zoom, xn, ratio);
   ys.mulmul(zoom, yn, ratio);
-}
-
-// Remove: an output pixel at undistorted radius m (after the zoom) reads the input at the
-// distorted radius P(m). The polynomial is evaluated as it is, beyond the limit too.
-void RemoveToNormalised(const VtAFXLensData& lens, const FGulpPt& out, FGulp& xs, FGulp& ys) {
-  // The zoom is folded into the affine step.
-  const float scaleX = lens.normScaleX * lens.invZoom;
-  const float offsetX = lens.invZoom * lens.normOffsetX;
-  const float scaleY = lens.normScaleY * lens.invZoom;
-  const float offsetY = lens.invZoom * lens.normOffsetY;
-  FGulp xn;
-  FGulp yn;
-  xn.muladd(out.x, scaleX, offsetX);
-  yn.muladd(out.y, scaleY, offsetY);
-  FGulp s2;
-  s2.sumsq(xn, yn);
-
-  const float k2 = lens.quadraticF;
-  const float k3 = lens.cubicF;
-  const float k4 = lens.quarticF;
-  FGulp f;
-  FGulp t;
-  if (k4 != 0.0f) {
-    if (k3 != 0.0f) {
-      t.sqrt(s2);
-      t.muladd(t, k3, k2);
-      t.muladd(k4, s2, t);
-      f.muladd(t, s2, 1.0f);
-    } else {
-      t.muladd(k4, s2, k2);
-      f.muladd(t, s2, 1.0f);
-    }
-  } else if (k3 != 0.0f) {
-    t.sqrt(s2);
-    t.muladd(t, k3, k2);
-    f.muladd(t, s2, 1.0f);
-  } else {
-    f.muladd(s2, k2, 1.0f);
-  }
-
-  xs.mul(xn, f);
-  ys.mul(yn, f);
+  in.x.muladd(xs, lens.pixScaleX, lens.pixOffsetX);
+  in.y.muladd(ys, lens.pixScaleY, lens.pixOffsetY);
 }
 
 }  // namespace
 
 void MapOutToInPt(const VtAFXLensData* lens, const FGulpPt& out, FGulpPt& in) {
-  FGulp xs;
-  FGulp ys;
-  if (lens->distortMode == kDistortModeApply) {
-    ApplyToNormalised(*lens, out, xs, ys);
+  if (lens->distortMode != kDistortModeApply) {
+    Remove(*lens, out, in);
+  } else if (lens->tableValid != 0) {
+    rounding::WithRoute([&](auto route) { ApplyTableRun<decltype(route)>(*lens, out, in); });
   } else {
-    RemoveToNormalised(*lens, out, xs, ys);
+    ApplySolved(*lens, out, in);
   }
-  in.x.muladd(xs, lens->pixScaleX, lens->pixOffsetX);
-  in.y.muladd(ys, lens->pixScaleY, lens->pixOffsetY);
 }

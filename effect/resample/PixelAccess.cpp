@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "gulp/CpuFeatures.h"
+#include "resample/PixelBlocks.h"
 #include "resample/ResampleData.h"
 
 namespace {
@@ -47,9 +48,6 @@ void IndexCalcScalar(const FGulpPt& pt, int32_t rowStride, int32_t pixelStride, 
   }
 }
 
-// Low bits of a value truncated toward zero (no clamp: the samplers deliver in-range values).
-int32_t TruncateToInt(float v) { return _mm_cvtt_ss2si(_mm_set_ss(v)); }
-
 }  // namespace
 
 void IndexCalcT(const FGulpPt& pt, int32_t rowStride, int32_t pixelStride, int32_t* out) {
@@ -66,42 +64,66 @@ void IndexCalcR(const FGulpPt& pt, int32_t rowStride, int32_t pixelStride, int32
     IndexCalcScalar<RoundScalar>(pt, rowStride, pixelStride, out);
 }
 
+namespace {
+
+// Whole groups of four pixels through the vector load or store, then the rest one by one.
+template <int BitDepth>
+void LoadRun(const char* base, const int32_t* offsets, int n, RGBAGulp& out) {
+  int k = 0;
+  for (; k + 4 <= n; k += 4) {
+    const __m128i group = _mm_loadu_si128(reinterpret_cast<const __m128i*>(offsets + k));
+    const ChannelBlock c = LoadFourPixels<BitDepth>(base, group);
+    _mm_store_ps(out.a.data() + k, c.a);
+    _mm_store_ps(out.r.data() + k, c.r);
+    _mm_store_ps(out.g.data() + k, c.g);
+    _mm_store_ps(out.b.data() + k, c.b);
+  }
+  for (; k < n; ++k) {
+    const char* p = base + offsets[k];
+    const ChannelBlock c = PixelFormatOf<BitDepth>::Load(p, p, p, p);
+    out.a[k] = _mm_cvtss_f32(c.a);
+    out.r[k] = _mm_cvtss_f32(c.r);
+    out.g[k] = _mm_cvtss_f32(c.g);
+    out.b[k] = _mm_cvtss_f32(c.b);
+  }
+}
+
+template <int BitDepth>
+void StoreRun(const RGBAGulp& in, int n, char* dst) {
+  using Format = PixelFormatOf<BitDepth>;
+  int k = 0;
+  for (; k + 4 <= n; k += 4, dst += 4 * Format::kBytes) {
+    Format::Store(dst, ChannelBlock{_mm_load_ps(in.a.data() + k), _mm_load_ps(in.r.data() + k),
+                                    _mm_load_ps(in.g.data() + k), _mm_load_ps(in.b.data() + k)});
+  }
+  if (k < n) {
+    // The last one to three pixels go through a full group on the stack.
+    alignas(16) float a[4] = {}, r[4] = {}, g[4] = {}, b[4] = {};
+    const int rest = n - k;
+    for (int l = 0; l < rest; ++l) {
+      a[l] = in.a[k + l];
+      r[l] = in.r[k + l];
+      g[l] = in.g[k + l];
+      b[l] = in.b[k + l];
+    }
+    char group[4 * Format::kBytes];
+    Format::Store(group, ChannelBlock{_mm_load_ps(a), _mm_load_ps(r), _mm_load_ps(g),
+                                      _mm_load_ps(b)});
+    std::memcpy(dst, group, static_cast<size_t>(rest) * Format::kBytes);
+  }
+}
+
+}  // namespace
+
 void SamplePix(const ResampleData* rd, const FGulpPt& pt, RGBAGulp& out) {
   int32_t offsets[FGulp::kCapacity];
   const int n = pt.x.len;
   IndexCalcT(pt, rd->rowBytes, rd->pixelBytes, offsets);
   switch (rd->bitDepth) {
-    case 8:
-      for (int k = 0; k < n; ++k) {
-        const unsigned char* p = reinterpret_cast<const unsigned char*>(rd->baseAddr + offsets[k]);
-        out.a[k] = static_cast<float>(p[0]);
-        out.r[k] = static_cast<float>(p[1]);
-        out.g[k] = static_cast<float>(p[2]);
-        out.b[k] = static_cast<float>(p[3]);
-      }
-      break;
-    case 16:
-      for (int k = 0; k < n; ++k) {
-        const char* p = rd->baseAddr + offsets[k];
-        uint16_t channels[4];
-        std::memcpy(channels, p, sizeof(channels));
-        out.a[k] = static_cast<float>(channels[0]);
-        out.r[k] = static_cast<float>(channels[1]);
-        out.g[k] = static_cast<float>(channels[2]);
-        out.b[k] = static_cast<float>(channels[3]);
-      }
-      break;
-    case 32:
-      for (int k = 0; k < n; ++k) {
-        const char* p = rd->baseAddr + offsets[k];
-        std::memcpy(&out.a[k], p, sizeof(float));
-        std::memcpy(&out.r[k], p + 4, sizeof(float));
-        std::memcpy(&out.g[k], p + 8, sizeof(float));
-        std::memcpy(&out.b[k], p + 12, sizeof(float));
-      }
-      break;
-    default:
-      break;
+    case 8: return LoadRun<8>(rd->baseAddr, offsets, n, out);
+    case 16: return LoadRun<16>(rd->baseAddr, offsets, n, out);
+    case 32: return LoadRun<32>(rd->baseAddr, offsets, n, out);
+    default: return;
   }
 }
 
@@ -109,34 +131,9 @@ void StorePix(const ResampleData* rd, const RGBAGulp& in, void* dst) {
   const int n = in.r.len;
   char* p = static_cast<char*>(dst);
   switch (rd->bitDepth) {
-    case 8:
-      for (int k = 0; k < n; ++k, p += 4) {
-        const unsigned char channels[4] = {
-            static_cast<unsigned char>(TruncateToInt(in.a[k])),
-            static_cast<unsigned char>(TruncateToInt(in.r[k])),
-            static_cast<unsigned char>(TruncateToInt(in.g[k])),
-            static_cast<unsigned char>(TruncateToInt(in.b[k]))};
-        std::memcpy(p, channels, sizeof(channels));
-      }
-      break;
-    case 16:
-      for (int k = 0; k < n; ++k, p += 8) {
-        const uint16_t channels[4] = {static_cast<uint16_t>(TruncateToInt(in.a[k])),
-                                      static_cast<uint16_t>(TruncateToInt(in.r[k])),
-                                      static_cast<uint16_t>(TruncateToInt(in.g[k])),
-                                      static_cast<uint16_t>(TruncateToInt(in.b[k]))};
-        std::memcpy(p, channels, sizeof(channels));
-      }
-      break;
-    case 32:
-      for (int k = 0; k < n; ++k, p += 16) {
-        std::memcpy(p, &in.a[k], sizeof(float));
-        std::memcpy(p + 4, &in.r[k], sizeof(float));
-        std::memcpy(p + 8, &in.g[k], sizeof(float));
-        std::memcpy(p + 12, &in.b[k], sizeof(float));
-      }
-      break;
-    default:
-      break;
+    case 8: return StoreRun<8>(in, n, p);
+    case 16: return StoreRun<16>(in, n, p);
+    case 32: return StoreRun<32>(in, n, p);
+    default: return;
   }
 }

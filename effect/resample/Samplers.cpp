@@ -1,7 +1,23 @@
 // Nearest, bilinear and table-driven kernel resampling of one run of source positions.
+//
+// Each sampler is its sequence of run operations (BringIntoRange, round or modf, the range
+// masks, clip, SamplePix, blend or the tap sums, the final rounding and clip, StorePix)
+// fused into one pass over groups of four pixels: every element goes through the same
+// single-precision operations with the same operands in the same order, with the rounding
+// route chosen once per call, so the bytes written are those of the steps run one after
+// another on whole runs (the kernel sampler keeps that form for records the fused loop does
+// not take). Only the pixel addresses are formed differently, with the same 32-bit
+// arithmetic, and pixels are loaded straight into vectors.
 #include "resample/Samplers.h"
 
+#include <smmintrin.h>
+
+#include <cstdint>
 #include <initializer_list>
+#include <type_traits>
+
+#include "gulp/RoundingRoutes.h"
+#include "resample/PixelBlocks.h"
 
 namespace {
 
@@ -14,6 +30,10 @@ void BringIntoRange(const FGulp& a, FGulp& out) {
   out.fmax(a, -kPositionLimit);  // a NaN element fails a > s and becomes -2^30
   out.fmin(out, kPositionLimit);
 }
+
+// The number of pixels of a run: the x and y runs have the same length; were they to differ,
+// the element-wise operations would end at the shorter one.
+int RunLength(const FGulpPt& pos) { return pos.x.len < pos.y.len ? pos.x.len : pos.y.len; }
 
 // An image without pixels has nothing to clip the tap coordinates into.
 bool ImageIsEmpty(const ResampleData* rd) {
@@ -29,94 +49,429 @@ void StoreTransparent(const ResampleData* rd, int n, void* dst) {
   StorePix(rd, zero, dst);
 }
 
+using rounding::Mask01;
+
+// BringIntoRange, four elements: the first operand of each comparison is the element, so a
+// NaN element becomes -2^30, as fmax and fmin give.
+inline __m128 IntoRange(__m128 v) {
+  return _mm_min_ps(_mm_max_ps(v, _mm_set1_ps(-kPositionLimit)), _mm_set1_ps(kPositionLimit));
+}
+
+// Lane l of v in every lane.
+template <int Lane>
+inline __m128 Broadcast(__m128 v) {
+  return _mm_castsi128_ps(_mm_shuffle_epi32(_mm_castps_si128(v), Lane * 0x55));
+}
+
+// clip(lo, v, hi) and inrangeLE(lo, v, hi), four elements, with the run operations'
+// instructions.
+inline __m128 Clip(__m128 lo, __m128 v, __m128 hi) { return _mm_min_ps(hi, _mm_max_ps(lo, v)); }
+inline __m128 InRangeLE(__m128 lo, __m128 v, __m128 hi) {
+  return Mask01(_mm_and_ps(_mm_cmple_ps(lo, v), _mm_cmple_ps(v, hi)));
+}
+
+// The nearest sampler's run operations fused into one pass over groups of four pixels, each
+// element going through the same operations in the same order: round, the in-range masks
+// before the clip, the clip, the load, the channels times (insideX * insideY), the store.
+template <int BitDepth, class Route>
+void NearRun(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) {
+  const __m128 zero = _mm_setzero_ps(), minusOne = _mm_set1_ps(-1.0f);
+  const __m128 xmax = _mm_set1_ps(static_cast<float>(rd->width - 1));
+  const __m128 ymax = _mm_set1_ps(static_cast<float>(rd->height - 1));
+  const __m128 xbeyond = _mm_add_ps(xmax, _mm_set1_ps(1.0f));  // xmax + 1.0, as a float sum
+  const __m128 ybeyond = _mm_add_ps(ymax, _mm_set1_ps(1.0f));
+  const __m128i rowStride = _mm_set1_epi32(rd->rowBytes);
+  const __m128i pixelStride = _mm_set1_epi32(rd->pixelBytes);
+  const float* xs = pos.x.data();
+  const float* ys = pos.y.data();
+  for (int k = 0; k < n; k += 4, dst += 4 * PixelFormatOf<BitDepth>::kBytes) {
+    __m128 gx = Route::Round(IntoRange(_mm_load_ps(xs + k)));
+    __m128 gy = Route::Round(IntoRange(_mm_load_ps(ys + k)));
+    const __m128 insideX = InRangeLE(minusOne, gx, xbeyond);
+    gx = Clip(zero, gx, xmax);
+    const __m128 insideY = InRangeLE(minusOne, gy, ybeyond);
+    gy = Clip(zero, gy, ymax);
+    ChannelBlock q = LoadFourPixels<BitDepth>(
+        rd->baseAddr, FourOffsets(gx, gy, rowStride, pixelStride, n - k));
+    const __m128 inside = _mm_mul_ps(insideX, insideY);
+    q.r = _mm_mul_ps(q.r, inside);
+    q.g = _mm_mul_ps(q.g, inside);
+    q.b = _mm_mul_ps(q.b, inside);
+    q.a = _mm_mul_ps(q.a, inside);
+    StorePixels<BitDepth>(dst, q, n - k);
+  }
+}
+
+// The bilinear sampler's run operations fused likewise: floor and fraction, the four clipped
+// neighbours, the two horizontal blends and the vertical one per channel, then the inside
+// mask (times it for float, times it and rounded for the integer depths).
+template <int BitDepth, class Route>
+void BiLinRun(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) {
+  using Format = PixelFormatOf<BitDepth>;
+  const __m128 zero = _mm_setzero_ps(), one = _mm_set1_ps(1.0f);
+  const __m128 xmax = _mm_set1_ps(static_cast<float>(rd->width - 1));
+  const __m128 ymax = _mm_set1_ps(static_cast<float>(rd->height - 1));
+  const __m128i rowStride = _mm_set1_epi32(rd->rowBytes);
+  const __m128i pixelStride = _mm_set1_epi32(rd->pixelBytes);
+  const float* xs = pos.x.data();
+  const float* ys = pos.y.data();
+  for (int k = 0; k < n; k += 4, dst += 4 * PixelFormatOf<BitDepth>::kBytes) {
+    const __m128 x = IntoRange(_mm_load_ps(xs + k));
+    const __m128 y = IntoRange(_mm_load_ps(ys + k));
+    const __m128 ix = Route::Floor(x), iy = Route::Floor(y);
+    const __m128 fx = _mm_sub_ps(x, ix), fy = _mm_sub_ps(y, iy);
+    const __m128 x0 = Clip(zero, ix, xmax), y0 = Clip(zero, iy, ymax);
+    const __m128 x1 = Clip(zero, _mm_add_ps(ix, one), xmax);
+    const __m128 y1 = Clip(zero, _mm_add_ps(iy, one), ymax);
+    const int count = n - k;
+    const __m128i at00 = FourOffsets(x0, y0, rowStride, pixelStride, count);
+    const __m128i at10 = FourOffsets(x1, y0, rowStride, pixelStride, count);
+    const __m128i at01 = FourOffsets(x0, y1, rowStride, pixelStride, count);
+    const __m128i at11 = FourOffsets(x1, y1, rowStride, pixelStride, count);
+    const __m128 inside = _mm_mul_ps(InRangeLE(zero, ix, xmax), InRangeLE(zero, iy, ymax));
+    // blend(a, b, t) = a + (b - a) * t
+    auto blend = [](__m128 a, __m128 b, __m128 t) {
+      return _mm_add_ps(a, _mm_mul_ps(_mm_sub_ps(b, a), t));
+    };
+    // One pixel with its four channels side by side: each channel goes through the same
+    // blends with its pixel's fractions, then the inside mask.
+    auto pixel = [&](auto lane) {
+      constexpr int l = decltype(lane)::value;
+      const char* base = rd->baseAddr;
+      const __m128 c00 = Format::LoadOne(base + _mm_extract_epi32(at00, l));
+      const __m128 c10 = Format::LoadOne(base + _mm_extract_epi32(at10, l));
+      const __m128 c01 = Format::LoadOne(base + _mm_extract_epi32(at01, l));
+      const __m128 c11 = Format::LoadOne(base + _mm_extract_epi32(at11, l));
+      const __m128 tx = Broadcast<l>(fx), ty = Broadcast<l>(fy), m = Broadcast<l>(inside);
+      const __m128 out = blend(blend(c00, c10, tx), blend(c01, c11, tx), ty);
+      return BitDepth == 32 ? _mm_mul_ps(out, m) : Route::Round(_mm_mul_ps(out, m));
+    };
+    __m128 p0 = pixel(std::integral_constant<int, 0>{});
+    __m128 p1 = pixel(std::integral_constant<int, 1>{});
+    __m128 p2 = pixel(std::integral_constant<int, 2>{});
+    __m128 p3 = pixel(std::integral_constant<int, 3>{});
+    _MM_TRANSPOSE4_PS(p0, p1, p2, p3);  // now alpha, red, green, blue
+    const ChannelBlock result{p0, p1, p2, p3};
+    StorePixels<BitDepth>(dst, result, count);
+  }
+}
+
+// Runs Run<depth, route> for the record's depth and the feature word's rounding route; an
+// unknown depth loads and stores nothing.
+template <template <int, class> class Run>
+void ForDepthAndRoute(const ResampleData* rd, const FGulpPt& pos, void* dst) {
+  const int n = RunLength(pos);
+  char* out = static_cast<char*>(dst);
+  rounding::WithRoute([&](auto route) {
+    using Route = decltype(route);
+    switch (rd->bitDepth) {
+      case 8: return Run<8, Route>::Go(rd, pos, n, out);
+      case 16: return Run<16, Route>::Go(rd, pos, n, out);
+      case 32: return Run<32, Route>::Go(rd, pos, n, out);
+      default: return;
+    }
+  });
+}
+
+template <int BitDepth, class Route>
+struct NearRunOf {
+  static void Go(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) {
+    NearRun<BitDepth, Route>(rd, pos, n, dst);
+  }
+};
+
+template <int BitDepth, class Route>
+struct BiLinRunOf {
+  static void Go(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) {
+    BiLinRun<BitDepth, Route>(rd, pos, n, dst);
+  }
+};
+
 }  // namespace
 
 void NearSampler(ResampleData* rd, const FGulpPt& pos, void* dst) {
   if (ImageIsEmpty(rd)) return StoreTransparent(rd, pos.x.len, dst);
-  const float xmax = static_cast<float>(rd->width - 1);
-  const float ymax = static_cast<float>(rd->height - 1);
-
-  FGulpPt grid;
-  BringIntoRange(pos.x, grid.x);
-  BringIntoRange(pos.y, grid.y);
-  grid.x.round(grid.x);
-  grid.y.round(grid.y);
-
-  // The in-range test comes before the clip: one pixel beyond every edge still counts.
-  FGulp insideX, insideY;
-  insideX.inrangeLE(-1.0f, grid.x, xmax + 1.0f);
-  grid.x.clip(0.0f, grid.x, xmax);
-  insideY.inrangeLE(-1.0f, grid.y, ymax + 1.0f);
-  grid.y.clip(0.0f, grid.y, ymax);
-
-  RGBAGulp pixels;
-  SamplePix(rd, grid, pixels);
-
-  FGulp inside;
-  inside.mul(insideX, insideY);
-  pixels.r *= inside;
-  pixels.g *= inside;
-  pixels.b *= inside;
-  pixels.a *= inside;
-  StorePix(rd, pixels, dst);
+  ForDepthAndRoute<NearRunOf>(rd, pos, dst);
 }
 
 void BiLinSampler(ResampleData* rd, const FGulpPt& pos, void* dst) {
   if (ImageIsEmpty(rd)) return StoreTransparent(rd, pos.x.len, dst);
-  const float xmax = static_cast<float>(rd->width - 1);
-  const float ymax = static_cast<float>(rd->height - 1);
-
-  FGulp x, y;
-  BringIntoRange(pos.x, x);
-  BringIntoRange(pos.y, y);
-  FGulp ix, iy, fx, fy;
-  fx.modf(x, ix);  // floor, so the fractions are never negative
-  fy.modf(y, iy);
-
-  // Neighbours clipped into the image; at the right and lower edge the edge pixel repeats.
-  FGulpPt at00, at11;
-  at00.x.clip(0.0f, ix, xmax);
-  at00.y.clip(0.0f, iy, ymax);
-  at11.x.clipoffs(0.0f, ix, 1.0f, xmax);
-  at11.y.clipoffs(0.0f, iy, 1.0f, ymax);
-  FGulpPt at10, at01;
-  at10.x = at11.x;
-  at10.y = at00.y;
-  at01.x = at00.x;
-  at01.y = at11.y;
-
-  RGBAGulp p00, p10, p01, p11;
-  SamplePix(rd, at00, p00);
-  SamplePix(rd, at10, p10);
-  SamplePix(rd, at01, p01);
-  SamplePix(rd, at11, p11);
-
-  // Inside only from the first column and row on: tested on the unclipped integer parts.
-  FGulp insideX, insideY, inside;
-  insideX.inrangeLE(0.0f, ix, xmax);
-  insideY.inrangeLE(0.0f, iy, ymax);
-  inside.mul(insideX, insideY);
-
-  const bool isFloat = rd->bitDepth == 32;
-  RGBAGulp result;
-  FGulp top, bottom;
-  FGulp RGBAGulp::*const channels[] = {&RGBAGulp::r, &RGBAGulp::g, &RGBAGulp::b, &RGBAGulp::a};
-  for (FGulp RGBAGulp::*ch : channels) {
-    top.blend(p00.*ch, p10.*ch, fx);
-    bottom.blend(p01.*ch, p11.*ch, fx);
-    FGulp& out = result.*ch;
-    out.blend(top, bottom, fy);
-    if (isFloat)
-      out.mul(out, inside);
-    else
-      out.mulround(out, inside);
-  }
-  StorePix(rd, result, dst);
+  ForDepthAndRoute<BiLinRunOf>(rd, pos, dst);
 }
 
-void Sampler(ResampleData* rd, const FGulpPt& pos, void* dst) {
+namespace {
+
+// The widest kernel has 6 taps per axis; the fused loop keeps every tap column and row.
+constexpr int kMaxFusedTaps = 8;
+
+// One tap column (or row) of a run: the inside mask and the byte-offset term of the clipped
+// source coordinate, trunc(coordinate) * stride, as IndexCalcT forms it; computed once per
+// tap column and once per tap row instead of once per tap.
+struct TapLine {
+  alignas(16) int32_t offset[FGulp::kCapacity];
+  alignas(16) float inside[FGulp::kCapacity];
+};
+
+// What the kernel sampler works from, for a whole run: the table position of each pixel's
+// phase cell and every tap column and tap row.
+struct TapPlan {
+  alignas(16) int32_t cellIndex[FGulp::kCapacity];
+  TapLine columns[kMaxFusedTaps];
+  TapLine rows[kMaxFusedTaps];
+  // Per group of four: every tap column of all four pixels lies inside the image, so the
+  // columns are unclipped and each pixel's taps of one tap row are consecutive pixels.
+  bool columnsInside[FGulp::kCapacity / 4];
+};
+
+// Consecutive taps may be addressed from the first one (offset + i * pixelBytes) when no
+// offset of the image can wrap in 32 bits and column indices are exact in single precision.
+bool TapsAddressable(const ResampleData* rd) {
+  const int64_t rowBytes = rd->rowBytes < 0 ? -int64_t{rd->rowBytes} : rd->rowBytes;
+  const int64_t span = rowBytes * rd->height + int64_t{rd->width} * rd->pixelBytes;
+  return span < (int64_t{1} << 31) && rd->width <= (1 << 24);
+}
+
+// clipoffsLE(0, firstTap, tap, maxIndex, inside) for the groups of four from `from` to `to`
+// (exclusive), with clipoffsLE's own instructions (v = firstTap + tap; inside = 1.0 where
+// 0 <= v <= maxIndex, ordered; clipped = min(maxIndex, max(0, v))), and the offset term of
+// each clipped coordinate. Offsets of lanes past the run's end (arbitrary coordinates) are
+// masked to 0: pixel (0, 0).
+inline void MakeTapLine(const float* firstTap, const __m128i* laneMasks, float tap, float maxIndex,
+                        int32_t stride, int from, int to, TapLine& line) {
+  const __m128 zero = _mm_setzero_ps(), vtap = _mm_set1_ps(tap), hi = _mm_set1_ps(maxIndex);
+  const __m128i strides = _mm_set1_epi32(stride);
+  for (int k = from; k < to; k += 4) {
+    const __m128 v = _mm_add_ps(_mm_load_ps(firstTap + k), vtap);
+    _mm_store_ps(line.inside + k, InRangeLE(zero, v, hi));
+    const __m128i offset = _mm_mullo_epi32(_mm_cvttps_epi32(Clip(zero, v, hi)), strides);
+    _mm_store_si128(reinterpret_cast<__m128i*>(line.offset + k),
+                    _mm_and_si128(offset, laneMasks[k / 4]));
+  }
+}
+
+// The setup of the kernel sampler's run operations, fused into passes over groups of four
+// with the same operations in the same order: BringIntoRange; modfscaledoffs (floor, the
+// phase rounded down from (a - floor(a)) * P, the first tap floor(a) - tapOffset); the phase
+// held at P - 1 (fmin); the cell index (P*S)*py + S*px (muladdmul), truncated as gatherLUT
+// truncates it; then every tap row and column (clipoffsLE and the offset terms). The middle
+// tap columns are only needed for groups with a column outside the image: elsewhere every
+// column is inside, unclipped and one pixel after the previous one.
+template <class Route>
+void PlanTaps(const ResampleData* rd, const FGulpPt& pos, int n, TapPlan& plan) {
+  const float phases = rd->phasesPerPixel;
+  const float stride = rd->phaseStride;
+  const __m128 vphases = _mm_set1_ps(phases), lastPhase = _mm_set1_ps(phases - 1.0f);
+  const __m128 offsX = _mm_set1_ps(-static_cast<float>(rd->tapOffsetX));
+  const __m128 offsY = _mm_set1_ps(-static_cast<float>(rd->tapOffsetY));
+  const __m128 cellRow = _mm_set1_ps(phases * stride), cellColumn = _mm_set1_ps(stride);
+  const float xmax = static_cast<float>(rd->width - 1);
+  const float ymax = static_cast<float>(rd->height - 1);
+  const float* xs = pos.x.data();
+  const float* ys = pos.y.data();
+  alignas(16) float firstTapX[FGulp::kCapacity];
+  alignas(16) float firstTapY[FGulp::kCapacity];
+  __m128i laneMasks[FGulp::kCapacity / 4];
+  for (int k = 0; k < n; k += 4) {
+    laneMasks[k / 4] = FirstLanes(n - k);
+    const __m128 x = IntoRange(_mm_load_ps(xs + k));
+    const __m128 y = IntoRange(_mm_load_ps(ys + k));
+    const __m128 floorX = Route::Floor(x), floorY = Route::Floor(y);
+    __m128 phaseX = Route::PhaseDown(_mm_mul_ps(_mm_sub_ps(x, floorX), vphases));
+    __m128 phaseY = Route::PhaseDown(_mm_mul_ps(_mm_sub_ps(y, floorY), vphases));
+    _mm_store_ps(firstTapX + k, _mm_add_ps(floorX, offsX));
+    _mm_store_ps(firstTapY + k, _mm_add_ps(floorY, offsY));
+    // A coordinate just below an integer has the fraction 1.0 in single precision, giving
+    // phase P, one past the table's last cell; it is read as the last phase instead.
+    phaseX = _mm_min_ps(phaseX, lastPhase);
+    phaseY = _mm_min_ps(phaseY, lastPhase);
+    // Integers below 2^24, so exact. Lanes past the end read cell 0.
+    const __m128 cell = _mm_add_ps(_mm_mul_ps(cellRow, phaseY), _mm_mul_ps(cellColumn, phaseX));
+    _mm_store_si128(reinterpret_cast<__m128i*>(plan.cellIndex + k),
+                    _mm_and_si128(_mm_cvttps_epi32(cell), laneMasks[k / 4]));
+  }
+  for (int j = 0; j < rd->tapsY; ++j) {
+    MakeTapLine(firstTapY, laneMasks, static_cast<float>(j), ymax, rd->rowBytes, 0, n,
+                plan.rows[j]);
+  }
+  const int taps = rd->tapsX;
+  if (taps <= 0) {
+    for (int k = 0; k < n; k += 4) plan.columnsInside[k / 4] = false;
+    return;
+  }
+  MakeTapLine(firstTapX, laneMasks, 0.0f, xmax, rd->pixelBytes, 0, n, plan.columns[0]);
+  if (taps > 1) {
+    MakeTapLine(firstTapX, laneMasks, static_cast<float>(taps - 1), xmax, rd->pixelBytes, 0, n,
+                plan.columns[taps - 1]);
+  }
+  const bool addressable = TapsAddressable(rd);
+  const __m128 one = _mm_set1_ps(1.0f);
+  for (int k = 0; k < n; k += 4) {
+    // The first and the last column inside means every column is (they are consecutive
+    // integers).
+    const bool inside =
+        addressable && n - k >= 4 &&
+        _mm_movemask_ps(_mm_and_ps(
+            _mm_cmpeq_ps(_mm_load_ps(plan.columns[0].inside + k), one),
+            _mm_cmpeq_ps(_mm_load_ps(plan.columns[taps - 1].inside + k), one))) == 0xF;
+    plan.columnsInside[k / 4] = inside;
+    if (!inside) {
+      for (int i = 1; i < taps - 1; ++i) {
+        MakeTapLine(firstTapX, laneMasks, static_cast<float>(i), xmax, rd->pixelBytes, k, k + 4,
+                    plan.columns[i]);
+      }
+    }
+  }
+}
+
+// The kernel-table weights of tap row j for the four pixels of a group: w[i] holds tap
+// column i, lane l taken from the cell of pixel l (a copy of the table's bits, as gatherLUT
+// makes). Taps 4 and 6 read whole rows of the cells and transpose them; 0 reads weight by
+// weight for any number of taps.
+template <int Taps>
+struct WeightRow {
+  static void Fetch(const float* const cells[4], int row, int, __m128* w) {
+    const int first = row * Taps;
+    __m128 w0 = _mm_loadu_ps(cells[0] + first), w1 = _mm_loadu_ps(cells[1] + first);
+    __m128 w2 = _mm_loadu_ps(cells[2] + first), w3 = _mm_loadu_ps(cells[3] + first);
+    _MM_TRANSPOSE4_PS(w0, w1, w2, w3);
+    w[0] = w0;
+    w[1] = w1;
+    w[2] = w2;
+    w[3] = w3;
+    if (Taps == 6) {
+      // Columns 4 and 5: two floats of each cell's row.
+      const __m128 p01 = _mm_unpacklo_ps(
+          _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(cells[0] + first + 4))),
+          _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(cells[1] + first + 4))));
+      const __m128 p23 = _mm_unpacklo_ps(
+          _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(cells[2] + first + 4))),
+          _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(cells[3] + first + 4))));
+      w[4] = _mm_movelh_ps(p01, p23);
+      w[5] = _mm_movehl_ps(p23, p01);
+    }
+  }
+};
+
+template <>
+struct WeightRow<0> {
+  static void Fetch(const float* const cells[4], int row, int taps, __m128* w) {
+    for (int i = 0; i < taps; ++i) {
+      const int t = row * taps + i;
+      w[i] = _mm_setr_ps(cells[0][t], cells[1][t], cells[2][t], cells[3][t]);
+    }
+  }
+};
+
+// The kernel sampler's taps and its final steps, four pixels at a time, each tap's operations
+// exactly as the run operations do them and in the same order: weight = (w * insideColumn) *
+// insideRow (mulmul), channel = weight * pixel + channel (muladd) and weightSum = weightSum +
+// weight, tap rows outer and tap columns inner. The weights and their sum are kept across the
+// four pixels; the channel sums of each pixel are kept side by side (a, r, g, b), so a pixel
+// is loaded once per tap, and transposed into channels at the end. Then q = recipCHKZ(weight
+// sum) and each channel clip(0, q * sum, max), rounded before the clip at the integer depths
+// (mulroundclip, mulclip), and the store. Taps is tapsX = tapsY (4 or 6), or 0 for any counts
+// up to kMaxFusedTaps.
+template <int BitDepth, int Taps, class Route>
+void KernelRun(const ResampleData* rd, const TapPlan& plan, int n, char* dst) {
+  using Format = PixelFormatOf<BitDepth>;
+  const int tapsX = Taps ? Taps : rd->tapsX;
+  const int tapsY = Taps ? Taps : rd->tapsY;
+  const char* base = rd->baseAddr;
+  const float* table = rd->kernelTable;
+  const __m128 zero = _mm_setzero_ps(), one = _mm_set1_ps(1.0f);
+  const __m128 colorMax = _mm_set1_ps(rd->colorMax), alphaMax = _mm_set1_ps(rd->alphaMax);
+  for (int k = 0; k < n; k += 4, dst += 4 * Format::kBytes) {
+    const int32_t* cellIndex = plan.cellIndex + k;
+    const float* const cells[4] = {table + cellIndex[0], table + cellIndex[1],
+                                   table + cellIndex[2], table + cellIndex[3]};
+    __m128 pixel0 = zero, pixel1 = zero, pixel2 = zero, pixel3 = zero, weightSum = zero;
+    if (plan.columnsInside[k / 4]) {
+      // The same operations; only the pixel addresses are formed once per tap row (the
+      // first column's) and stepped by one pixel per tap column.
+      const __m128i firstColumn =
+          _mm_load_si128(reinterpret_cast<const __m128i*>(plan.columns[0].offset + k));
+      for (int j = 0; j < tapsY; ++j) {
+        const TapLine& row = plan.rows[j];
+        const __m128 insideRow = _mm_load_ps(row.inside + k);
+        const __m128i start = _mm_add_epi32(
+            _mm_load_si128(reinterpret_cast<const __m128i*>(row.offset + k)), firstColumn);
+        const char* p0 = base + _mm_cvtsi128_si32(start);
+        const char* p1 = base + _mm_extract_epi32(start, 1);
+        const char* p2 = base + _mm_extract_epi32(start, 2);
+        const char* p3 = base + _mm_extract_epi32(start, 3);
+        __m128 w[kMaxFusedTaps];
+        WeightRow<Taps>::Fetch(cells, j, tapsX, w);
+        for (int i = 0; i < tapsX; ++i) {
+          // insideColumn is 1.0 for every column here.
+          const __m128 weight = _mm_mul_ps(_mm_mul_ps(w[i], one), insideRow);
+          weightSum = _mm_add_ps(weightSum, weight);
+          const int step = i * Format::kBytes;
+          pixel0 = _mm_add_ps(_mm_mul_ps(Broadcast<0>(weight), Format::LoadOne(p0 + step)), pixel0);
+          pixel1 = _mm_add_ps(_mm_mul_ps(Broadcast<1>(weight), Format::LoadOne(p1 + step)), pixel1);
+          pixel2 = _mm_add_ps(_mm_mul_ps(Broadcast<2>(weight), Format::LoadOne(p2 + step)), pixel2);
+          pixel3 = _mm_add_ps(_mm_mul_ps(Broadcast<3>(weight), Format::LoadOne(p3 + step)), pixel3);
+        }
+      }
+    } else {
+    for (int j = 0; j < tapsY; ++j) {
+      const TapLine& row = plan.rows[j];
+      const __m128 insideRow = _mm_load_ps(row.inside + k);
+      const __m128i rowOffset = _mm_load_si128(reinterpret_cast<const __m128i*>(row.offset + k));
+      __m128 w[kMaxFusedTaps];
+      WeightRow<Taps>::Fetch(cells, j, tapsX, w);
+      for (int i = 0; i < tapsX; ++i) {
+        const TapLine& column = plan.columns[i];
+        const __m128i offset = _mm_add_epi32(
+            rowOffset, _mm_load_si128(reinterpret_cast<const __m128i*>(column.offset + k)));
+        const __m128 weight = _mm_mul_ps(_mm_mul_ps(w[i], _mm_load_ps(column.inside + k)),
+                                         insideRow);
+        weightSum = _mm_add_ps(weightSum, weight);
+        pixel0 = _mm_add_ps(_mm_mul_ps(Broadcast<0>(weight),
+                                       Format::LoadOne(base + _mm_cvtsi128_si32(offset))),
+                            pixel0);
+        pixel1 = _mm_add_ps(_mm_mul_ps(Broadcast<1>(weight),
+                                       Format::LoadOne(base + _mm_extract_epi32(offset, 1))),
+                            pixel1);
+        pixel2 = _mm_add_ps(_mm_mul_ps(Broadcast<2>(weight),
+                                       Format::LoadOne(base + _mm_extract_epi32(offset, 2))),
+                            pixel2);
+        pixel3 = _mm_add_ps(_mm_mul_ps(Broadcast<3>(weight),
+                                       Format::LoadOne(base + _mm_extract_epi32(offset, 3))),
+                            pixel3);
+      }
+    }
+    }
+    _MM_TRANSPOSE4_PS(pixel0, pixel1, pixel2, pixel3);  // now alpha, red, green, blue
+    // recipCHKZ: where the sum is +-0 the divisor becomes 1 and q = 1 (the channels are 0).
+    const __m128 q =
+        _mm_div_ps(one, _mm_add_ps(weightSum, Mask01(_mm_cmpeq_ps(weightSum, zero))));
+    auto finish = [&](__m128 sum, __m128 max) {
+      const __m128 scaled = _mm_mul_ps(q, sum);
+      return Clip(zero, BitDepth == 32 ? scaled : Route::Round(scaled), max);
+    };
+    StorePixels<BitDepth>(dst,
+                          ChannelBlock{finish(pixel0, alphaMax), finish(pixel1, colorMax),
+                                       finish(pixel2, colorMax), finish(pixel3, colorMax)},
+                          n - k);
+  }
+}
+
+template <int BitDepth, class Route>
+void KernelRunOfTaps(const ResampleData* rd, const TapPlan& plan, int n, char* dst) {
+  if (rd->tapsX == 4 && rd->tapsY == 4) {
+    KernelRun<BitDepth, 4, Route>(rd, plan, n, dst);
+  } else if (rd->tapsX == 6 && rd->tapsY == 6) {
+    KernelRun<BitDepth, 6, Route>(rd, plan, n, dst);
+  } else {
+    KernelRun<BitDepth, 0, Route>(rd, plan, n, dst);
+  }
+}
+
+// The kernel sampler step by step on whole runs, for records the fused loop does not take:
+// more than kMaxFusedTaps taps, or a pixel depth it does not know (where nothing is loaded
+// or stored).
+void SamplerByRun(ResampleData* rd, const FGulpPt& pos, void* dst) {
   const int n = pos.x.len;
-  if (ImageIsEmpty(rd) || rd->kernelTable == nullptr) return StoreTransparent(rd, n, dst);
   const float xmax = static_cast<float>(rd->width - 1);
   const float ymax = static_cast<float>(rd->height - 1);
   const float phases = rd->phasesPerPixel;
@@ -128,20 +483,16 @@ void Sampler(ResampleData* rd, const FGulpPt& pos, void* dst) {
   FGulp firstTapX, firstTapY, phaseX, phaseY;
   phaseX.modfscaledoffs(x, phases, -static_cast<float>(rd->tapOffsetX), firstTapX);
   phaseY.modfscaledoffs(y, phases, -static_cast<float>(rd->tapOffsetY), firstTapY);
-  // A coordinate just below an integer has the fraction 1.0 in single precision, giving
-  // phase P, one past the table's last cell; it is read as the last phase instead.
   phaseX.fmin(phaseX, phases - 1.0f);
   phaseY.fmin(phaseY, phases - 1.0f);
-
-  FGulp cell;  // index of the phase cell; integers below 2^24, so exact
+  FGulp cell;
   cell.muladdmul(phases * stride, phaseY, stride, phaseX);
 
   FGulp red, green, blue, alpha, weightSum;
-  for (FGulp* acc : {&red, &green, &blue, &alpha, &weightSum}) {
-    acc->SetLen(n, 0);
-    acc->Constant(0.0f);
+  for (FGulp* sum : {&red, &green, &blue, &alpha, &weightSum}) {
+    sum->SetLen(n, 0);
+    sum->Constant(0.0f);
   }
-
   FGulpPt tap;
   FGulp insideRow, insideColumn, weight;
   RGBAGulp pixels;
@@ -151,8 +502,6 @@ void Sampler(ResampleData* rd, const FGulpPt& pos, void* dst) {
       tap.x.clipoffsLE(0.0f, firstTapX, static_cast<float>(i), xmax, insideColumn);
       SamplePix(rd, tap, pixels);
       weight.gatherLUT(rd->kernelTable + j * rd->tapsX + i, cell);
-      // Taps outside the image weigh nothing; their clipped coordinates only keep the load
-      // inside the image.
       weight.mulmul(weight, insideColumn, insideRow);
       red.muladd(weight, pixels.r, red);
       green.muladd(weight, pixels.g, green);
@@ -162,7 +511,6 @@ void Sampler(ResampleData* rd, const FGulpPt& pos, void* dst) {
     }
   }
 
-  // Renormalise over the inside taps; a zero sum leaves the (zero) accumulators as they are.
   FGulp norm;
   norm.recipCHKZ(weightSum);
   RGBAGulp result;
@@ -178,4 +526,29 @@ void Sampler(ResampleData* rd, const FGulpPt& pos, void* dst) {
     result.a.mulroundclip(0.0f, norm, alpha, rd->alphaMax);
   }
   StorePix(rd, result, dst);
+}
+
+}  // namespace
+
+void Sampler(ResampleData* rd, const FGulpPt& pos, void* dst) {
+  if (ImageIsEmpty(rd) || rd->kernelTable == nullptr) return StoreTransparent(rd, pos.x.len, dst);
+  const bool knownDepth = rd->bitDepth == 8 || rd->bitDepth == 16 || rd->bitDepth == 32;
+  if (!knownDepth || rd->tapsX < 0 || rd->tapsX > kMaxFusedTaps || rd->tapsY < 0 ||
+      rd->tapsY > kMaxFusedTaps) {
+    return SamplerByRun(rd, pos, dst);
+  }
+  // Taps outside the image weigh nothing; their clipped coordinates only keep the load inside
+  // the image. The kernel is renormalised over the inside taps.
+  const int n = RunLength(pos);
+  char* out = static_cast<char*>(dst);
+  rounding::WithRoute([&](auto route) {
+    using Route = decltype(route);
+    TapPlan plan;
+    PlanTaps<Route>(rd, pos, n, plan);
+    switch (rd->bitDepth) {
+      case 8: return KernelRunOfTaps<8, Route>(rd, plan, n, out);
+      case 16: return KernelRunOfTaps<16, Route>(rd, plan, n, out);
+      default: return KernelRunOfTaps<32, Route>(rd, plan, n, out);
+    }
+  });
 }

@@ -281,13 +281,18 @@ TEST(SmartRender, HostErrorsPassThroughAndReleaseResultsAreIgnored) {
   }
 }
 
-TEST(SmartRender, NoInputPixelsRendersNothing) {
-  Scene scene(Depth::k8, 64, 32, 2);
-  scene.host->OverrideSuppliedRect(PF_LRect{0, 0, 0, 0});
-  EXPECT_EQ(scene.PreRenderAndRender(), PF_Err_NONE);
-  EXPECT_TRUE(scene.OutputUntouched());
-  EXPECT_EQ(scene.host->CallCount(HostCall::Iterate), 0);
-  EXPECT_TRUE(scene.host->AllSuitesReleased());
+// Without input pixels every output pixel lies outside any input: transparent, at every depth.
+TEST(SmartRender, NoInputPixelsGivesTransparentOutput) {
+  for (Depth depth : kDepths) {
+    SCOPED_TRACE(static_cast<int>(depth));
+    Scene scene(depth, 64, 32, 2);
+    scene.host->OverrideSuppliedRect(PF_LRect{0, 0, 0, 0});
+    EXPECT_EQ(scene.PreRenderAndRender(), PF_Err_NONE);
+    ASSERT_TRUE(scene.output);
+    for (uint8_t byte : scene.output->PackedBytes()) ASSERT_EQ(byte, 0);
+    EXPECT_EQ(scene.host->CallCount(HostCall::Iterate), 0);
+    EXPECT_TRUE(scene.host->AllSuitesReleased());
+  }
 }
 
 TEST(SmartRender, BuiltInAsksTheHostSamplerAtFixedPointPositions) {
