@@ -1,0 +1,20 @@
+# Finds OpenImageIO's CMake package and drops include folders it names that do not exist:
+# Debian's package lists /usr/include/opencv4 even when OpenCV is not installed, which CMake
+# refuses. Pass REQUIRED or QUIET as to find_package.
+macro(vt_find_openimageio)
+  find_package(OpenImageIO CONFIG ${ARGN})
+  if(OpenImageIO_FOUND)
+    foreach(prop INTERFACE_INCLUDE_DIRECTORIES INTERFACE_SYSTEM_INCLUDE_DIRECTORIES)
+      get_target_property(dirs OpenImageIO::OpenImageIO ${prop})
+      if(dirs)
+        set(kept "")
+        foreach(dir IN LISTS dirs)
+          if(EXISTS "${dir}")
+            list(APPEND kept "${dir}")
+          endif()
+        endforeach()
+        set_target_properties(OpenImageIO::OpenImageIO PROPERTIES ${prop} "${kept}")
+      endif()
+    endforeach()
+  endif()
+endmacro()
