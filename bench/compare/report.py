@@ -44,8 +44,9 @@ SHORT_LABELS = {"Nearest": "ours", "BiLinear": "ours", "Lanczos-2": "ours L2",
 
 WHAT_IS_TIMED = {
     "ours": "in process through the substitute host: parameter and layer checkout, smart "
-            "pre-render and smart render of the frame (the host's input copy and output "
-            "clearing included), no file I/O",
+            "pre-render and smart render of the frame; the host lends the layer's pixels and "
+            "reuses one output buffer from frame to frame, as OpenCV's figure reuses its "
+            "output; no file I/O",
     "opencv": "in process: the position map built for the frame (float, rows in parallel), "
               "then `cv::remap` into a preallocated output, border transparent; map and remap "
               "timed apart, compared on their sum",
@@ -346,16 +347,7 @@ def write_markdown(results, meta, path, chart_name, chart_written):
                 w("| %s | %s | %s | %d | %s |" % (name, FILTER_LABELS.get((tool, filt), filt),
                                                   mode, threads, " | ".join(cells)))
             w("")
-        # The host's own share of our figures, and the share of the frame Apply renders.
-        notes = []
-        for depth, depth_label in DEPTHS:
-            seconds = results.median("ours", "-", "-", depth, 1, size, "hostbuffers")[0]
-            if seconds is not None:
-                notes.append("%s %.1f ms" % (depth_label, seconds * 1e3))
-        if notes:
-            w("Of each of our frames, the substitute host's own work (copying the input layer "
-              "it hands out and clearing the output world) takes about: %s." % ", ".join(notes))
-            w("")
+        # The share of the frame Apply renders.
         coverage = results.median("ours", "nearest", "apply", "8", 1, size, "coverage")[0]
         if coverage is not None:
             w("In Apply our output rectangle covers %.0f %% of the frame." % (coverage * 100))

@@ -13,6 +13,7 @@
 #include <smmintrin.h>
 
 #include <cstdint>
+#include <cstring>
 #include <initializer_list>
 #include <type_traits>
 
@@ -73,6 +74,82 @@ inline __m128 InRangeLE(__m128 lo, __m128 v, __m128 hi) {
 // The nearest sampler's run operations fused into one pass over groups of four pixels, each
 // element going through the same operations in the same order: round, the in-range masks
 // before the clip, the clip, the load, the channels times (insideX * insideY), the store.
+//
+// The product insideX * insideY is 1.0 or 0.0. An integer channel is a small whole number,
+// so times 1.0 it stores back unchanged and times 0.0 as 0: the integer depths copy each
+// pixel's bytes or zeros. Float channels are multiplied as the steps do (a negative or
+// non-finite channel times 0.0 is not +0), one pixel's four channels by its own product.
+template <int BitDepth>
+struct NearCopy;
+
+template <>
+struct NearCopy<8> {
+  static void Go(const char* base, __m128i at, __m128 inside, char* dst, int count) {
+    int32_t w[4];
+    for (int l = 0; l < 4; ++l) std::memcpy(&w[l], base + Lane(at, l), 4);
+    const __m128i keep = _mm_castps_si128(_mm_cmpgt_ps(inside, _mm_setzero_ps()));
+    const __m128i words = _mm_and_si128(_mm_setr_epi32(w[0], w[1], w[2], w[3]), keep);
+    if (count >= 4) {
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), words);
+    } else {
+      alignas(16) char group[16];
+      _mm_store_si128(reinterpret_cast<__m128i*>(group), words);
+      std::memcpy(dst, group, static_cast<size_t>(count) * 4);
+    }
+  }
+  static int Lane(__m128i at, int l) {
+    switch (l) {
+      case 0: return _mm_cvtsi128_si32(at);
+      case 1: return _mm_extract_epi32(at, 1);
+      case 2: return _mm_extract_epi32(at, 2);
+      default: return _mm_extract_epi32(at, 3);
+    }
+  }
+};
+
+template <>
+struct NearCopy<16> {
+  static void Go(const char* base, __m128i at, __m128 inside, char* dst, int count) {
+    const __m128i keep = _mm_castps_si128(_mm_cmpgt_ps(inside, _mm_setzero_ps()));
+    const __m128i keep01 = _mm_unpacklo_epi32(keep, keep), keep23 = _mm_unpackhi_epi32(keep, keep);
+    auto load = [base](int offset) {
+      return _mm_loadl_epi64(reinterpret_cast<const __m128i*>(base + offset));
+    };
+    const __m128i p01 = _mm_and_si128(
+        _mm_unpacklo_epi64(load(_mm_cvtsi128_si32(at)), load(_mm_extract_epi32(at, 1))), keep01);
+    const __m128i p23 = _mm_and_si128(
+        _mm_unpacklo_epi64(load(_mm_extract_epi32(at, 2)), load(_mm_extract_epi32(at, 3))), keep23);
+    if (count >= 4) {
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), p01);
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + 16), p23);
+    } else {
+      alignas(16) char group[32];
+      _mm_store_si128(reinterpret_cast<__m128i*>(group), p01);
+      _mm_store_si128(reinterpret_cast<__m128i*>(group + 16), p23);
+      std::memcpy(dst, group, static_cast<size_t>(count) * 8);
+    }
+  }
+};
+
+template <>
+struct NearCopy<32> {
+  static void Go(const char* base, __m128i at, __m128 inside, char* dst, int count) {
+    using Format = PixelFormatOf<32>;
+    float* out = reinterpret_cast<float*>(dst);
+    _mm_storeu_ps(out, _mm_mul_ps(Format::LoadOne(base + _mm_cvtsi128_si32(at)),
+                                  Broadcast<0>(inside)));
+    if (count < 2) return;
+    _mm_storeu_ps(out + 4, _mm_mul_ps(Format::LoadOne(base + _mm_extract_epi32(at, 1)),
+                                      Broadcast<1>(inside)));
+    if (count < 3) return;
+    _mm_storeu_ps(out + 8, _mm_mul_ps(Format::LoadOne(base + _mm_extract_epi32(at, 2)),
+                                      Broadcast<2>(inside)));
+    if (count < 4) return;
+    _mm_storeu_ps(out + 12, _mm_mul_ps(Format::LoadOne(base + _mm_extract_epi32(at, 3)),
+                                       Broadcast<3>(inside)));
+  }
+};
+
 template <int BitDepth, class Route>
 void NearRun(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) {
   const __m128 zero = _mm_setzero_ps(), minusOne = _mm_set1_ps(-1.0f);
@@ -91,14 +168,8 @@ void NearRun(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) {
     gx = Clip(zero, gx, xmax);
     const __m128 insideY = InRangeLE(minusOne, gy, ybeyond);
     gy = Clip(zero, gy, ymax);
-    ChannelBlock q = LoadFourPixels<BitDepth>(
-        rd->baseAddr, FourOffsets(gx, gy, rowStride, pixelStride, n - k));
-    const __m128 inside = _mm_mul_ps(insideX, insideY);
-    q.r = _mm_mul_ps(q.r, inside);
-    q.g = _mm_mul_ps(q.g, inside);
-    q.b = _mm_mul_ps(q.b, inside);
-    q.a = _mm_mul_ps(q.a, inside);
-    StorePixels<BitDepth>(dst, q, n - k);
+    const __m128i at = FourOffsets(gx, gy, rowStride, pixelStride, n - k);
+    NearCopy<BitDepth>::Go(rd->baseAddr, at, _mm_mul_ps(insideX, insideY), dst, n - k);
   }
 }
 
