@@ -12,6 +12,7 @@
 
 #include <smmintrin.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <initializer_list>
@@ -69,6 +70,14 @@ inline __m128 Broadcast(__m128 v) {
 inline __m128 Clip(__m128 lo, __m128 v, __m128 hi) { return _mm_min_ps(hi, _mm_max_ps(lo, v)); }
 inline __m128 InRangeLE(__m128 lo, __m128 v, __m128 hi) {
   return Mask01(_mm_and_ps(_mm_cmple_ps(lo, v), _mm_cmple_ps(v, hi)));
+}
+
+// Consecutive taps may be addressed from the first one (offset + i * pixelBytes) when no
+// offset of the image can wrap in 32 bits and column indices are exact in single precision.
+bool TapsAddressable(const ResampleData* rd) {
+  const int64_t rowBytes = rd->rowBytes < 0 ? -int64_t{rd->rowBytes} : rd->rowBytes;
+  const int64_t span = rowBytes * rd->height + int64_t{rd->width} * rd->pixelBytes;
+  return span < (int64_t{1} << 31) && rd->width <= (1 << 24);
 }
 
 // The nearest sampler's run operations fused into one pass over groups of four pixels, each
@@ -173,9 +182,46 @@ void NearRun(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) {
   }
 }
 
+// Stores the first `count` (1 to 4) of four finished pixels, each the vector (a, r, g, b). An
+// integer channel is a whole number within the range of its depth here (a blend never leaves
+// the range of its ends), so packing converts it as the store's truncation does.
+template <int BitDepth>
+inline void StoreFourPixelVectors(char* dst, __m128 p0, __m128 p1, __m128 p2, __m128 p3,
+                                  int count) {
+  if (BitDepth == 32) {
+    float* out = reinterpret_cast<float*>(dst);
+    _mm_storeu_ps(out, p0);
+    if (count > 1) _mm_storeu_ps(out + 4, p1);
+    if (count > 2) _mm_storeu_ps(out + 8, p2);
+    if (count > 3) _mm_storeu_ps(out + 12, p3);
+    return;
+  }
+  const __m128i i0 = _mm_cvttps_epi32(p0), i1 = _mm_cvttps_epi32(p1);
+  const __m128i i2 = _mm_cvttps_epi32(p2), i3 = _mm_cvttps_epi32(p3);
+  alignas(16) char group[32];
+  if (BitDepth == 8) {
+    const __m128i bytes = _mm_packus_epi16(_mm_packs_epi32(i0, i1), _mm_packs_epi32(i2, i3));
+    if (count >= 4) return _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), bytes);
+    _mm_store_si128(reinterpret_cast<__m128i*>(group), bytes);
+  } else {
+    const __m128i w01 = _mm_packus_epi32(i0, i1), w23 = _mm_packus_epi32(i2, i3);
+    if (count >= 4) {
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), w01);
+      return _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + 16), w23);
+    }
+    _mm_store_si128(reinterpret_cast<__m128i*>(group), w01);
+    _mm_store_si128(reinterpret_cast<__m128i*>(group + 16), w23);
+  }
+  std::memcpy(dst, group, static_cast<size_t>(count) * PixelFormatOf<BitDepth>::kBytes);
+}
+
 // The bilinear sampler's run operations fused likewise: floor and fraction, the four clipped
 // neighbours, the two horizontal blends and the vertical one per channel, then the inside
 // mask (times it for float, times it and rounded for the integer depths).
+//
+// Each pixel is worked as the vector of its four channels. When all four pixels of a group
+// have both neighbours of each axis inside the image, no coordinate is clipped, so the
+// neighbours lie one pixel and one row on from the first, and are addressed from it.
 template <int BitDepth, class Route>
 void BiLinRun(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) {
   using Format = PixelFormatOf<BitDepth>;
@@ -184,22 +230,52 @@ void BiLinRun(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) {
   const __m128 ymax = _mm_set1_ps(static_cast<float>(rd->height - 1));
   const __m128i rowStride = _mm_set1_epi32(rd->rowBytes);
   const __m128i pixelStride = _mm_set1_epi32(rd->pixelBytes);
+  const bool addressable = TapsAddressable(rd);
+  const std::ptrdiff_t right = rd->pixelBytes, down = rd->rowBytes;
+  const char* base = rd->baseAddr;
   const float* xs = pos.x.data();
   const float* ys = pos.y.data();
-  for (int k = 0; k < n; k += 4, dst += 4 * PixelFormatOf<BitDepth>::kBytes) {
+  for (int k = 0; k < n; k += 4, dst += 4 * Format::kBytes) {
     const __m128 x = IntoRange(_mm_load_ps(xs + k));
     const __m128 y = IntoRange(_mm_load_ps(ys + k));
     const __m128 ix = Route::Floor(x), iy = Route::Floor(y);
     const __m128 fx = _mm_sub_ps(x, ix), fy = _mm_sub_ps(y, iy);
-    const __m128 x0 = Clip(zero, ix, xmax), y0 = Clip(zero, iy, ymax);
-    const __m128 x1 = Clip(zero, _mm_add_ps(ix, one), xmax);
-    const __m128 y1 = Clip(zero, _mm_add_ps(iy, one), ymax);
+    const __m128 ix1 = _mm_add_ps(ix, one), iy1 = _mm_add_ps(iy, one);
+    const __m128 insideX = _mm_and_ps(_mm_cmple_ps(zero, ix), _mm_cmple_ps(ix, xmax));
+    const __m128 insideY = _mm_and_ps(_mm_cmple_ps(zero, iy), _mm_cmple_ps(iy, ymax));
+    const __m128 inside = _mm_mul_ps(Mask01(insideX), Mask01(insideY));
     const int count = n - k;
-    const __m128i at00 = FourOffsets(x0, y0, rowStride, pixelStride, count);
-    const __m128i at10 = FourOffsets(x1, y0, rowStride, pixelStride, count);
-    const __m128i at01 = FourOffsets(x0, y1, rowStride, pixelStride, count);
-    const __m128i at11 = FourOffsets(x1, y1, rowStride, pixelStride, count);
-    const __m128 inside = _mm_mul_ps(InRangeLE(zero, ix, xmax), InRangeLE(zero, iy, ymax));
+    // The four pixels' neighbour offsets, or their first neighbours' addresses.
+    const char* p00[4];
+    std::ptrdiff_t d10[4], d01[4], d11[4];
+    const __m128 interior = _mm_and_ps(_mm_and_ps(insideX, insideY),
+                                       _mm_and_ps(_mm_cmple_ps(ix1, xmax), _mm_cmple_ps(iy1, ymax)));
+    if (addressable && count >= 4 && _mm_movemask_ps(interior) == 0xF) {
+      const __m128i at = FourOffsets(ix, iy, rowStride, pixelStride, 4);
+      p00[0] = base + _mm_cvtsi128_si32(at);
+      p00[1] = base + _mm_extract_epi32(at, 1);
+      p00[2] = base + _mm_extract_epi32(at, 2);
+      p00[3] = base + _mm_extract_epi32(at, 3);
+      for (int l = 0; l < 4; ++l) d10[l] = right, d01[l] = down, d11[l] = down + right;
+    } else {
+      const __m128 x0 = Clip(zero, ix, xmax), y0 = Clip(zero, iy, ymax);
+      const __m128 x1 = Clip(zero, ix1, xmax), y1 = Clip(zero, iy1, ymax);
+      alignas(16) int32_t at[4][4];
+      _mm_store_si128(reinterpret_cast<__m128i*>(at[0]),
+                      FourOffsets(x0, y0, rowStride, pixelStride, count));
+      _mm_store_si128(reinterpret_cast<__m128i*>(at[1]),
+                      FourOffsets(x1, y0, rowStride, pixelStride, count));
+      _mm_store_si128(reinterpret_cast<__m128i*>(at[2]),
+                      FourOffsets(x0, y1, rowStride, pixelStride, count));
+      _mm_store_si128(reinterpret_cast<__m128i*>(at[3]),
+                      FourOffsets(x1, y1, rowStride, pixelStride, count));
+      for (int l = 0; l < 4; ++l) {
+        p00[l] = base + at[0][l];
+        d10[l] = std::ptrdiff_t{at[1][l]} - at[0][l];
+        d01[l] = std::ptrdiff_t{at[2][l]} - at[0][l];
+        d11[l] = std::ptrdiff_t{at[3][l]} - at[0][l];
+      }
+    }
     // blend(a, b, t) = a + (b - a) * t
     auto blend = [](__m128 a, __m128 b, __m128 t) {
       return _mm_add_ps(a, _mm_mul_ps(_mm_sub_ps(b, a), t));
@@ -208,22 +284,17 @@ void BiLinRun(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) {
     // blends with its pixel's fractions, then the inside mask.
     auto pixel = [&](auto lane) {
       constexpr int l = decltype(lane)::value;
-      const char* base = rd->baseAddr;
-      const __m128 c00 = Format::LoadOne(base + _mm_extract_epi32(at00, l));
-      const __m128 c10 = Format::LoadOne(base + _mm_extract_epi32(at10, l));
-      const __m128 c01 = Format::LoadOne(base + _mm_extract_epi32(at01, l));
-      const __m128 c11 = Format::LoadOne(base + _mm_extract_epi32(at11, l));
+      const char* p = p00[l];
+      const __m128 c00 = Format::LoadOne(p), c10 = Format::LoadOne(p + d10[l]);
+      const __m128 c01 = Format::LoadOne(p + d01[l]), c11 = Format::LoadOne(p + d11[l]);
       const __m128 tx = Broadcast<l>(fx), ty = Broadcast<l>(fy), m = Broadcast<l>(inside);
       const __m128 out = blend(blend(c00, c10, tx), blend(c01, c11, tx), ty);
       return BitDepth == 32 ? _mm_mul_ps(out, m) : Route::Round(_mm_mul_ps(out, m));
     };
-    __m128 p0 = pixel(std::integral_constant<int, 0>{});
-    __m128 p1 = pixel(std::integral_constant<int, 1>{});
-    __m128 p2 = pixel(std::integral_constant<int, 2>{});
-    __m128 p3 = pixel(std::integral_constant<int, 3>{});
-    _MM_TRANSPOSE4_PS(p0, p1, p2, p3);  // now alpha, red, green, blue
-    const ChannelBlock result{p0, p1, p2, p3};
-    StorePixels<BitDepth>(dst, result, count);
+    StoreFourPixelVectors<BitDepth>(dst, pixel(std::integral_constant<int, 0>{}),
+                                    pixel(std::integral_constant<int, 1>{}),
+                                    pixel(std::integral_constant<int, 2>{}),
+                                    pixel(std::integral_constant<int, 3>{}), count);
   }
 }
 
@@ -293,14 +364,6 @@ struct TapPlan {
   // columns are unclipped and each pixel's taps of one tap row are consecutive pixels.
   bool columnsInside[FGulp::kCapacity / 4];
 };
-
-// Consecutive taps may be addressed from the first one (offset + i * pixelBytes) when no
-// offset of the image can wrap in 32 bits and column indices are exact in single precision.
-bool TapsAddressable(const ResampleData* rd) {
-  const int64_t rowBytes = rd->rowBytes < 0 ? -int64_t{rd->rowBytes} : rd->rowBytes;
-  const int64_t span = rowBytes * rd->height + int64_t{rd->width} * rd->pixelBytes;
-  return span < (int64_t{1} << 31) && rd->width <= (1 << 24);
-}
 
 // clipoffsLE(0, firstTap, tap, maxIndex, inside) for the groups of four from `from` to `to`
 // (exclusive), with clipoffsLE's own instructions (v = firstTap + tap; inside = 1.0 where
