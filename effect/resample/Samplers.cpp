@@ -215,6 +215,26 @@ inline void StoreFourPixelVectors(char* dst, __m128 p0, __m128 p1, __m128 p2, __
   std::memcpy(dst, group, static_cast<size_t>(count) * PixelFormatOf<BitDepth>::kBytes);
 }
 
+// One bilinear pixel of lane Lane of a group, with its four channels side by side: each
+// channel goes through the same blends with its pixel's fractions, then (when Masked) the
+// inside mask; integer depths are rounded. p is the first neighbour, d the byte distances of
+// the other three (right, below, below right).
+template <int BitDepth, class Route, int Lane, bool Masked>
+inline __m128 BiLinPixel(const char* p, const std::ptrdiff_t* d, __m128 fx, __m128 fy,
+                         __m128 inside) {
+  using Format = PixelFormatOf<BitDepth>;
+  // blend(a, b, t) = a + (b - a) * t
+  auto blend = [](__m128 a, __m128 b, __m128 t) {
+    return _mm_add_ps(a, _mm_mul_ps(_mm_sub_ps(b, a), t));
+  };
+  const __m128 c00 = Format::LoadOne(p), c10 = Format::LoadOne(p + d[0]);
+  const __m128 c01 = Format::LoadOne(p + d[1]), c11 = Format::LoadOne(p + d[2]);
+  const __m128 tx = Broadcast<Lane>(fx), ty = Broadcast<Lane>(fy);
+  __m128 out = blend(blend(c00, c10, tx), blend(c01, c11, tx), ty);
+  if (Masked) out = _mm_mul_ps(out, Broadcast<Lane>(inside));
+  return BitDepth == 32 ? out : Route::Round(out);
+}
+
 // The bilinear sampler's run operations fused likewise: floor and fraction, the four clipped
 // neighbours, the two horizontal blends and the vertical one per channel, then the inside
 // mask (times it for float, times it and rounded for the integer depths).
@@ -243,58 +263,45 @@ void BiLinRun(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) {
     const __m128 ix1 = _mm_add_ps(ix, one), iy1 = _mm_add_ps(iy, one);
     const __m128 insideX = _mm_and_ps(_mm_cmple_ps(zero, ix), _mm_cmple_ps(ix, xmax));
     const __m128 insideY = _mm_and_ps(_mm_cmple_ps(zero, iy), _mm_cmple_ps(iy, ymax));
-    const __m128 inside = _mm_mul_ps(Mask01(insideX), Mask01(insideY));
     const int count = n - k;
-    // The four pixels' neighbour offsets, or their first neighbours' addresses.
-    const char* p00[4];
-    std::ptrdiff_t d10[4], d01[4], d11[4];
     const __m128 interior = _mm_and_ps(_mm_and_ps(insideX, insideY),
                                        _mm_and_ps(_mm_cmple_ps(ix1, xmax), _mm_cmple_ps(iy1, ymax)));
     if (addressable && count >= 4 && _mm_movemask_ps(interior) == 0xF) {
+      // Inside, every mask is 1.0, and a blend (the result of an add, so never a signalling
+      // NaN) times 1.0 keeps its bits: the mask product is left out.
       const __m128i at = FourOffsets(ix, iy, rowStride, pixelStride, 4);
-      p00[0] = base + _mm_cvtsi128_si32(at);
-      p00[1] = base + _mm_extract_epi32(at, 1);
-      p00[2] = base + _mm_extract_epi32(at, 2);
-      p00[3] = base + _mm_extract_epi32(at, 3);
-      for (int l = 0; l < 4; ++l) d10[l] = right, d01[l] = down, d11[l] = down + right;
-    } else {
-      const __m128 x0 = Clip(zero, ix, xmax), y0 = Clip(zero, iy, ymax);
-      const __m128 x1 = Clip(zero, ix1, xmax), y1 = Clip(zero, iy1, ymax);
-      alignas(16) int32_t at[4][4];
-      _mm_store_si128(reinterpret_cast<__m128i*>(at[0]),
-                      FourOffsets(x0, y0, rowStride, pixelStride, count));
-      _mm_store_si128(reinterpret_cast<__m128i*>(at[1]),
-                      FourOffsets(x1, y0, rowStride, pixelStride, count));
-      _mm_store_si128(reinterpret_cast<__m128i*>(at[2]),
-                      FourOffsets(x0, y1, rowStride, pixelStride, count));
-      _mm_store_si128(reinterpret_cast<__m128i*>(at[3]),
-                      FourOffsets(x1, y1, rowStride, pixelStride, count));
-      for (int l = 0; l < 4; ++l) {
-        p00[l] = base + at[0][l];
-        d10[l] = std::ptrdiff_t{at[1][l]} - at[0][l];
-        d01[l] = std::ptrdiff_t{at[2][l]} - at[0][l];
-        d11[l] = std::ptrdiff_t{at[3][l]} - at[0][l];
-      }
+      const std::ptrdiff_t d[3] = {right, down, down + right};
+      StoreFourPixelVectors<BitDepth>(
+          dst, BiLinPixel<BitDepth, Route, 0, false>(base + _mm_cvtsi128_si32(at), d, fx, fy, one),
+          BiLinPixel<BitDepth, Route, 1, false>(base + _mm_extract_epi32(at, 1), d, fx, fy, one),
+          BiLinPixel<BitDepth, Route, 2, false>(base + _mm_extract_epi32(at, 2), d, fx, fy, one),
+          BiLinPixel<BitDepth, Route, 3, false>(base + _mm_extract_epi32(at, 3), d, fx, fy, one),
+          4);
+      continue;
     }
-    // blend(a, b, t) = a + (b - a) * t
-    auto blend = [](__m128 a, __m128 b, __m128 t) {
-      return _mm_add_ps(a, _mm_mul_ps(_mm_sub_ps(b, a), t));
-    };
-    // One pixel with its four channels side by side: each channel goes through the same
-    // blends with its pixel's fractions, then the inside mask.
-    auto pixel = [&](auto lane) {
-      constexpr int l = decltype(lane)::value;
-      const char* p = p00[l];
-      const __m128 c00 = Format::LoadOne(p), c10 = Format::LoadOne(p + d10[l]);
-      const __m128 c01 = Format::LoadOne(p + d01[l]), c11 = Format::LoadOne(p + d11[l]);
-      const __m128 tx = Broadcast<l>(fx), ty = Broadcast<l>(fy), m = Broadcast<l>(inside);
-      const __m128 out = blend(blend(c00, c10, tx), blend(c01, c11, tx), ty);
-      return BitDepth == 32 ? _mm_mul_ps(out, m) : Route::Round(_mm_mul_ps(out, m));
-    };
-    StoreFourPixelVectors<BitDepth>(dst, pixel(std::integral_constant<int, 0>{}),
-                                    pixel(std::integral_constant<int, 1>{}),
-                                    pixel(std::integral_constant<int, 2>{}),
-                                    pixel(std::integral_constant<int, 3>{}), count);
+    const __m128 inside = _mm_mul_ps(Mask01(insideX), Mask01(insideY));
+    const __m128 x0 = Clip(zero, ix, xmax), y0 = Clip(zero, iy, ymax);
+    const __m128 x1 = Clip(zero, ix1, xmax), y1 = Clip(zero, iy1, ymax);
+    alignas(16) int32_t at[4][4];
+    _mm_store_si128(reinterpret_cast<__m128i*>(at[0]),
+                    FourOffsets(x0, y0, rowStride, pixelStride, count));
+    _mm_store_si128(reinterpret_cast<__m128i*>(at[1]),
+                    FourOffsets(x1, y0, rowStride, pixelStride, count));
+    _mm_store_si128(reinterpret_cast<__m128i*>(at[2]),
+                    FourOffsets(x0, y1, rowStride, pixelStride, count));
+    _mm_store_si128(reinterpret_cast<__m128i*>(at[3]),
+                    FourOffsets(x1, y1, rowStride, pixelStride, count));
+    std::ptrdiff_t d[4][3];
+    for (int l = 0; l < 4; ++l) {
+      d[l][0] = std::ptrdiff_t{at[1][l]} - at[0][l];
+      d[l][1] = std::ptrdiff_t{at[2][l]} - at[0][l];
+      d[l][2] = std::ptrdiff_t{at[3][l]} - at[0][l];
+    }
+    StoreFourPixelVectors<BitDepth>(
+        dst, BiLinPixel<BitDepth, Route, 0, true>(base + at[0][0], d[0], fx, fy, inside),
+        BiLinPixel<BitDepth, Route, 1, true>(base + at[0][1], d[1], fx, fy, inside),
+        BiLinPixel<BitDepth, Route, 2, true>(base + at[0][2], d[2], fx, fy, inside),
+        BiLinPixel<BitDepth, Route, 3, true>(base + at[0][3], d[3], fx, fy, inside), count);
   }
 }
 
