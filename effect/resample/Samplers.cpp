@@ -241,7 +241,8 @@ inline __m128 BiLinPixel(const char* p, const std::ptrdiff_t* d, __m128 fx, __m1
 //
 // Each pixel is worked as the vector of its four channels. When all four pixels of a group
 // have both neighbours of each axis inside the image, no coordinate is clipped, so the
-// neighbours lie one pixel and one row on from the first, and are addressed from it.
+// neighbours lie one pixel and one row on from the first, and are addressed from it (the
+// image's offsets cannot wrap: TapsAddressable).
 template <int BitDepth, class Route>
 void BiLinRun(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) {
   using Format = PixelFormatOf<BitDepth>;
@@ -255,7 +256,36 @@ void BiLinRun(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) {
   const char* base = rd->baseAddr;
   const float* xs = pos.x.data();
   const float* ys = pos.y.data();
+  // The last coordinates whose right and lower neighbours are still inside.
+  const __m128 xinner = _mm_set1_ps(static_cast<float>(rd->width - 2));
+  const __m128 yinner = _mm_set1_ps(static_cast<float>(rd->height - 2));
   for (int k = 0; k < n; k += 4, dst += 4 * Format::kBytes) {
+    const int count = n - k;
+    if (addressable && count >= 4) {
+      // A position whose floor lies in 0 .. width - 2 (and likewise down) is already in
+      // range, so the steps from the unclamped position give the same values; NaN and
+      // positions far outside fail the test and take the general path.
+      const __m128 x = _mm_load_ps(xs + k), y = _mm_load_ps(ys + k);
+      const __m128 ix = Route::Floor(x), iy = Route::Floor(y);
+      const __m128 interior =
+          _mm_and_ps(_mm_and_ps(_mm_cmple_ps(zero, ix), _mm_cmple_ps(ix, xinner)),
+                     _mm_and_ps(_mm_cmple_ps(zero, iy), _mm_cmple_ps(iy, yinner)));
+      if (_mm_movemask_ps(interior) == 0xF) {
+        // No coordinate is clipped, every mask is 1.0, and a blend (the result of an add, so
+        // never a signalling NaN) times 1.0 keeps its bits: the mask product is left out.
+        const __m128 fx = _mm_sub_ps(x, ix), fy = _mm_sub_ps(y, iy);
+        const __m128i at = FourOffsets(ix, iy, rowStride, pixelStride, 4);
+        const std::ptrdiff_t d[3] = {right, down, down + right};
+        StoreFourPixelVectors<BitDepth>(
+            dst,
+            BiLinPixel<BitDepth, Route, 0, false>(base + _mm_cvtsi128_si32(at), d, fx, fy, one),
+            BiLinPixel<BitDepth, Route, 1, false>(base + _mm_extract_epi32(at, 1), d, fx, fy, one),
+            BiLinPixel<BitDepth, Route, 2, false>(base + _mm_extract_epi32(at, 2), d, fx, fy, one),
+            BiLinPixel<BitDepth, Route, 3, false>(base + _mm_extract_epi32(at, 3), d, fx, fy, one),
+            4);
+        continue;
+      }
+    }
     const __m128 x = IntoRange(_mm_load_ps(xs + k));
     const __m128 y = IntoRange(_mm_load_ps(ys + k));
     const __m128 ix = Route::Floor(x), iy = Route::Floor(y);
@@ -263,22 +293,6 @@ void BiLinRun(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) {
     const __m128 ix1 = _mm_add_ps(ix, one), iy1 = _mm_add_ps(iy, one);
     const __m128 insideX = _mm_and_ps(_mm_cmple_ps(zero, ix), _mm_cmple_ps(ix, xmax));
     const __m128 insideY = _mm_and_ps(_mm_cmple_ps(zero, iy), _mm_cmple_ps(iy, ymax));
-    const int count = n - k;
-    const __m128 interior = _mm_and_ps(_mm_and_ps(insideX, insideY),
-                                       _mm_and_ps(_mm_cmple_ps(ix1, xmax), _mm_cmple_ps(iy1, ymax)));
-    if (addressable && count >= 4 && _mm_movemask_ps(interior) == 0xF) {
-      // Inside, every mask is 1.0, and a blend (the result of an add, so never a signalling
-      // NaN) times 1.0 keeps its bits: the mask product is left out.
-      const __m128i at = FourOffsets(ix, iy, rowStride, pixelStride, 4);
-      const std::ptrdiff_t d[3] = {right, down, down + right};
-      StoreFourPixelVectors<BitDepth>(
-          dst, BiLinPixel<BitDepth, Route, 0, false>(base + _mm_cvtsi128_si32(at), d, fx, fy, one),
-          BiLinPixel<BitDepth, Route, 1, false>(base + _mm_extract_epi32(at, 1), d, fx, fy, one),
-          BiLinPixel<BitDepth, Route, 2, false>(base + _mm_extract_epi32(at, 2), d, fx, fy, one),
-          BiLinPixel<BitDepth, Route, 3, false>(base + _mm_extract_epi32(at, 3), d, fx, fy, one),
-          4);
-      continue;
-    }
     const __m128 inside = _mm_mul_ps(Mask01(insideX), Mask01(insideY));
     const __m128 x0 = Clip(zero, ix, xmax), y0 = Clip(zero, iy, ymax);
     const __m128 x1 = Clip(zero, ix1, xmax), y1 = Clip(zero, iy1, ymax);
