@@ -105,11 +105,9 @@ void MapStep(const RenderData& rd, A_long x0, A_long y, FGulpPt& outPos, FGulpPt
   // The sums are whole numbers, so they are formed in integers and converted once.
   outPos.x.Iota(static_cast<float>(output.origin_x + x0), 1.0f);
   outPos.y.Constant(static_cast<float>(output.origin_y + y));
-  MapOutToInPt(rd.lensData, outPos, inPos);
-  // Subtracting 0.0 gives every mapped position back bit for bit (none is a signalling NaN),
-  // so an input buffer at the layer's origin skips the pass.
-  if (input.origin_x != 0) inPos.x -= static_cast<float>(input.origin_x);
-  if (input.origin_y != 0) inPos.y -= static_cast<float>(input.origin_y);
+  MapOutToBufferPt(rd.lensData, outPos, inPos,
+                   BufferOrigin{static_cast<float>(input.origin_x),
+                                static_cast<float>(input.origin_y)});
 }
 
 template <typename Pixel>

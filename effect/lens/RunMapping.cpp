@@ -31,14 +31,28 @@ inline V Splat(float s) { return _mm_set1_ps(s); }
 // muladd(a, s, t) = a*s + t and its mirror muladd(s, a, t) = s*a + t.
 inline V MulAdd(V a, V s, V t) { return _mm_add_ps(_mm_mul_ps(a, s), t); }
 
-// The last step of both modes: in = xs * pixScale + pixOffset (muladd).
+// The last step of both modes: in = xs * pixScale + pixOffset (muladd), then, for positions
+// in a buffer whose top-left pixel is not the layer's, less the buffer's origin (sub).
 struct PixelTransform {
-  V scaleX, offsetX, scaleY, offsetY;
-  explicit PixelTransform(const VtAFXLensData& lens)
+  V scaleX, offsetX, scaleY, offsetY, originX, originY;
+  bool shiftX, shiftY;
+  PixelTransform(const VtAFXLensData& lens, const BufferOrigin& origin)
       : scaleX(Splat(lens.pixScaleX)),
         offsetX(Splat(lens.pixOffsetX)),
         scaleY(Splat(lens.pixScaleY)),
-        offsetY(Splat(lens.pixOffsetY)) {}
+        offsetY(Splat(lens.pixOffsetY)),
+        originX(Splat(origin.x)),
+        originY(Splat(origin.y)),
+        shiftX(origin.x != 0.0f),
+        shiftY(origin.y != 0.0f) {}
+  V X(V xs) const {
+    const V v = MulAdd(xs, scaleX, offsetX);
+    return shiftX ? _mm_sub_ps(v, originX) : v;
+  }
+  V Y(V ys) const {
+    const V v = MulAdd(ys, scaleY, offsetY);
+    return shiftY ? _mm_sub_ps(v, originY) : v;
+  }
 };
 
 // Runs group(x, y, &inX, &inY, lanes) over every group of four up to the end of the last
@@ -65,58 +79,61 @@ void ForEachGroup(const FGulpPt& out, FGulpPt& in, Group group) {
 // distorted radius P(m). The polynomial is evaluated as it is, beyond the limit too. Factor
 // computes f from s2 by the case of the coefficients.
 template <class Factor>
-void RemoveRun(const VtAFXLensData& lens, const FGulpPt& out, FGulpPt& in, Factor factor) {
+void RemoveRun(const VtAFXLensData& lens, const FGulpPt& out, FGulpPt& in,
+               const BufferOrigin& origin, Factor factor) {
   // The zoom is folded into the affine step, each product formed first in float.
   const V scaleX = Splat(lens.normScaleX * lens.invZoom);
   const V offsetX = Splat(lens.invZoom * lens.normOffsetX);
   const V scaleY = Splat(lens.normScaleY * lens.invZoom);
   const V offsetY = Splat(lens.invZoom * lens.normOffsetY);
-  const PixelTransform pix(lens);
+  const PixelTransform pix(lens, origin);
   ForEachGroup(out, in, [&](const float* x, const float* y, float* inX, float* inY, int) {
     const V xn = MulAdd(_mm_load_ps(x), scaleX, offsetX);  // muladd(out.x, scale, offset)
     const V yn = MulAdd(_mm_load_ps(y), scaleY, offsetY);
     const V s2 = _mm_add_ps(_mm_mul_ps(xn, xn), _mm_mul_ps(yn, yn));  // sumsq(xn, yn)
     const V f = factor(s2);
-    _mm_store_ps(inX, MulAdd(_mm_mul_ps(xn, f), pix.scaleX, pix.offsetX));  // mul, muladd
-    _mm_store_ps(inY, MulAdd(_mm_mul_ps(yn, f), pix.scaleY, pix.offsetY));
+    _mm_store_ps(inX, pix.X(_mm_mul_ps(xn, f)));  // mul, muladd
+    _mm_store_ps(inY, pix.Y(_mm_mul_ps(yn, f)));
   });
 }
 
-void Remove(const VtAFXLensData& lens, const FGulpPt& out, FGulpPt& in) {
+void Remove(const VtAFXLensData& lens, const FGulpPt& out, FGulpPt& in,
+            const BufferOrigin& origin) {
   const float k2f = lens.quadraticF, k3f = lens.cubicF, k4f = lens.quarticF;
   const V k2 = Splat(k2f), k3 = Splat(k3f), k4 = Splat(k4f), one = Splat(1.0f);
   if (k4f != 0.0f && k3f != 0.0f) {
-    RemoveRun(lens, out, in, [=](V s2) {
+    RemoveRun(lens, out, in, origin, [=](V s2) {
       V t = _mm_sqrt_ps(s2);                // sqrt(s2)
       t = MulAdd(t, k3, k2);                // muladd(t, k3, k2)
       t = _mm_add_ps(_mm_mul_ps(k4, s2), t);  // muladd(k4, s2, t)
       return MulAdd(t, s2, one);            // muladd(t, s2, 1)
     });
   } else if (k4f != 0.0f) {
-    RemoveRun(lens, out, in, [=](V s2) {
+    RemoveRun(lens, out, in, origin, [=](V s2) {
       const V t = MulAdd(k4, s2, k2);       // muladd(k4, s2, k2)
       return MulAdd(t, s2, one);            // muladd(t, s2, 1)
     });
   } else if (k3f != 0.0f) {
-    RemoveRun(lens, out, in, [=](V s2) {
+    RemoveRun(lens, out, in, origin, [=](V s2) {
       const V t = MulAdd(_mm_sqrt_ps(s2), k3, k2);  // sqrt, muladd(t, k3, k2)
       return MulAdd(t, s2, one);                    // muladd(t, s2, 1)
     });
   } else {
-    RemoveRun(lens, out, in, [=](V s2) { return MulAdd(s2, k2, one); });  // muladd(s2, k2, 1)
+    RemoveRun(lens, out, in, origin, [=](V s2) { return MulAdd(s2, k2, one); });  // muladd(s2, k2, 1)
   }
 }
 
 // Apply through the inverse table: an output pixel at distorted radius r reads the input at
 // the undistorted radius P^-1(r), interpolated in the table, scaled by the zoom.
 template <class Route>
-void ApplyTableRun(const VtAFXLensData& lens, const FGulpPt& out, FGulpPt& in) {
+void ApplyTableRun(const VtAFXLensData& lens, const FGulpPt& out, FGulpPt& in,
+                   const BufferOrigin& origin) {
   const V scaleX = Splat(lens.normScaleX), offsetX = Splat(lens.normOffsetX);
   const V scaleY = Splat(lens.normScaleY), offsetY = Splat(lens.normOffsetY);
   const V lutScale = Splat(lens.lutScale), top = Splat(2048.0f), zero = _mm_setzero_ps();
   const V one = Splat(1.0f);
   const V zoom = Splat(static_cast<float>(lens.zoom));
-  const PixelTransform pix(lens);
+  const PixelTransform pix(lens, origin);
   const float* table = lens.inverseTable;
   ForEachGroup(out, in, [&](const float* x, const float* y, float* inX, float* inY, int lanes) {
     const V xn = MulAdd(_mm_load_ps(x), scaleX, offsetX);
@@ -142,13 +159,14 @@ void ApplyTableRun(const VtAFXLensData& lens, const FGulpPt& out, FGulpPt& in) {
     const V ratio = _mm_div_ps(u, divisor);
     const V xs = _mm_mul_ps(_mm_mul_ps(zoom, xn), ratio);  // mulmul(zoom, xn, ratio)
     const V ys = _mm_mul_ps(_mm_mul_ps(zoom, yn), ratio);
-    _mm_store_ps(inX, MulAdd(xs, pix.scaleX, pix.offsetX));
-    _mm_store_ps(inY, MulAdd(ys, pix.scaleY, pix.offsetY));
+    _mm_store_ps(inX, pix.X(xs));
+    _mm_store_ps(inY, pix.Y(ys));
   });
 }
 
 // Apply through the per-element solver, run by run: the table was judged inaccurate.
-void ApplySolved(const VtAFXLensData& lens, const FGulpPt& out, FGulpPt& in) {
+void ApplySolved(const VtAFXLensData& lens, const FGulpPt& out, FGulpPt& in,
+                 const BufferOrigin& origin) {
   FGulp xn;
   FGulp yn;
   xn.muladd(out.x, lens.normScaleX, lens.normOffsetX);
@@ -164,16 +182,24 @@ void ApplySolved(const VtAFXLensData& lens, const FGulpPt& out, FGulpPt& in) {
   ys.mulmul(zoom, yn, ratio);
   in.x.muladd(xs, lens.pixScaleX, lens.pixOffsetX);
   in.y.muladd(ys, lens.pixScaleY, lens.pixOffsetY);
+  if (origin.x != 0.0f) in.x -= origin.x;
+  if (origin.y != 0.0f) in.y -= origin.y;
 }
 
 }  // namespace
 
-void MapOutToInPt(const VtAFXLensData* lens, const FGulpPt& out, FGulpPt& in) {
+void MapOutToBufferPt(const VtAFXLensData* lens, const FGulpPt& out, FGulpPt& in,
+                      const BufferOrigin& origin) {
   if (lens->distortMode != kDistortModeApply) {
-    Remove(*lens, out, in);
+    Remove(*lens, out, in, origin);
   } else if (lens->tableValid != 0) {
-    rounding::WithRoute([&](auto route) { ApplyTableRun<decltype(route)>(*lens, out, in); });
+    rounding::WithRoute(
+        [&](auto route) { ApplyTableRun<decltype(route)>(*lens, out, in, origin); });
   } else {
-    ApplySolved(*lens, out, in);
+    ApplySolved(*lens, out, in, origin);
   }
+}
+
+void MapOutToInPt(const VtAFXLensData* lens, const FGulpPt& out, FGulpPt& in) {
+  MapOutToBufferPt(lens, out, in, BufferOrigin{0.0f, 0.0f});
 }

@@ -11,6 +11,17 @@
 // CheckCPUFeatures has run (modf picks its rounding route from it) and finite positions.
 void MapOutToInPt(const VtAFXLensData* lens, const FGulpPt& out, FGulpPt& in);
 
+// The layer position of an input buffer's top-left pixel.
+struct BufferOrigin {
+  float x, y;
+};
+
+// MapOutToInPt, then each input position less the buffer's origin (one subtraction per
+// element, left out where the origin is 0, which gives every position back bit for bit),
+// in the same pass: positions in the pixels of an input buffer placed at `origin`.
+void MapOutToBufferPt(const VtAFXLensData* lens, const FGulpPt& out, FGulpPt& in,
+                      const BufferOrigin& origin);
+
 // Internal: ratio takes r's length and, for exactly that many elements, the ratio u/r of
 // the inverse polynomial (1 where r is 0), one element at a time. Elements past the length
 // are left alone.
