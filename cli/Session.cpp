@@ -74,6 +74,10 @@ EffectSession::EffectSession(const hostsim::PluginModule& module,
     : host_(module) {
   host_.params = params;
   host_.threads = threads;
+  // As a real host does: the effect reads the layer's own pixels rather than a copy, and
+  // the output world (new, so already zero) is not cleared a second time.
+  host_.lendInputLayer = true;
+  host_.clearOutput = false;
   Check("about", Guarded("about", [&] { return host_.About(); }));
   about_ = host_.ReturnMessage();
   Check("global setup", Guarded("global setup", [&] { return host_.GlobalSetup(); }));
