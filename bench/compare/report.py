@@ -216,6 +216,9 @@ def write_markdown(results, meta, path, chart_name, chart_written):
     w("| compiler | %s, %s build |" % (meta.get("version.compiler", "?"), meta.get("build.type", "?")))
     w("| load average (1, 5, 15 min) | before %s, after %s |"
       % (meta.get("load.before", "?"), meta.get("load.after", "?")))
+    if "other.share" in meta:
+        w("| processor time taken by other work while the tools ran | %.1f %% |"
+          % (float(meta["other.share"]) * 100))
     w("")
     w("## Tools")
     w("")
@@ -380,20 +383,19 @@ def write_markdown(results, meta, path, chart_name, chart_written):
 
 
 def busy_note(meta):
-    """A warning when other work shared the machine during the run."""
+    """A warning when other work shared the machine while the tools ran."""
     try:
         cores = int(meta.get("machine.cores", "0").split()[0])
-        loads = [float(meta.get(k, "0").split()[0]) for k in ("load.before", "load.after")]
+        share = float(meta.get("other.share", "0"))
     except (ValueError, IndexError):
         return ""
-    if cores <= 0 or max(loads) < 0.75 * cores:
+    if cores <= 0 or share < 0.10:
         return ""
-    return ("**The machine was busy during this run** (load average %s before and %s after, "
-            "on %d logical processors): other work took much of the processor time, so the "
-            "absolute figures are low and a second thread barely helps. The tools took turns "
-            "within every run, so the ratios between them are the more reliable part."
-            % (meta.get("load.before", "?").split()[0], meta.get("load.after", "?").split()[0],
-               cores))
+    return ("**The machine was not quiet during this run**: other work (other processes, or "
+            "the hypervisor taking its processors) used %.0f %% of the processor time of its "
+            "%d logical processors while the tools ran, so the absolute figures are low and a "
+            "second thread helps less. The tools took turns within every run, so the ratios "
+            "between them are the more reliable part.\n" % (share * 100, cores))
 
 
 class ChartResult:
