@@ -189,6 +189,71 @@ def best_peer(results, cls, depth, threads, size):
     return best
 
 
+# Why a class can stay behind its best peer, and what would close the gap.
+BEHIND_WHY = {
+    ("bilinear", "8"): (
+        "OpenCV's INTER_LINEAR on 8-bit images blends in 16-bit fixed point, eight values per "
+        "128-bit register, with weights rounded to 1/32 of a pixel. Our BiLinear must give the "
+        "bits of its single-precision arithmetic: every neighbour converted to float, three "
+        "blends of four channels (one pixel per register), the mask, the rounding. That is "
+        "about twice the arithmetic per pixel, and our figure also maps every pixel through "
+        "the lens, which OpenCV's remap leaves to its precomputed map. A fixed-point path "
+        "would close the gap, but it would change the output bits, which the effect fixes."),
+    ("nearest", "float"): (
+        "Nearest on float frames moves 16 bytes per pixel each way and is bound by memory: a "
+        "plain copy of the frame (the last table) takes a large share of its time, and memory "
+        "does not get faster with a second thread."),
+}
+
+
+def write_behind(w, results, sizes):
+    """Every class and depth where ours is behind its best peer, with the reason."""
+    behind = []
+    compared = 0
+    for size in sizes:
+        for key, label, cls in OUR_FILTERS:
+            if key == "builtin":
+                continue
+            for depth, depth_label in DEPTHS:
+                for threads in (1, 2):
+                    ours = mpix(size, results.median("ours", key, "remove", depth, threads,
+                                                     size)[0])
+                    best = best_peer(results, cls, depth, threads, size)
+                    if ours is None or not best:
+                        continue
+                    compared += 1
+                    if ours >= best[0]:
+                        continue
+                    behind.append((size, label, cls, depth, depth_label, threads, ours, best))
+    w("## Where we are behind, and why")
+    w("")
+    if not compared:
+        w("No comparison could be made: there are no figures of ours and a peer in the same "
+          "class.")
+        w("")
+        return
+    if not behind:
+        w("Nowhere: in Remove, at every size, depth and thread count, each of our filters is "
+          "ahead of the fastest peer of its class.")
+        w("")
+        return
+    w("| size | our filter | depth | threads | ours / best peer | best peer |")
+    w("|---|---|---|---|---|---|")
+    for size, label, cls, depth, depth_label, threads, ours, best in behind:
+        w("| %s | %s | %s | %d | %s | %s %s |" % (
+            size, label, depth_label, threads, ratio_text(ours, best[0]), TOOL_NAMES[best[1]],
+            FILTER_LABELS.get((best[1], best[2]), best[2])))
+    w("")
+    seen = set()
+    for size, label, cls, depth, depth_label, threads, ours, best in behind:
+        if (cls, depth) in seen:
+            continue
+        seen.add((cls, depth))
+        why = BEHIND_WHY.get((cls, depth), "Not analysed yet.")
+        w("- **%s, %s**: %s" % (label, depth_label, why))
+    w("")
+
+
 def write_markdown(results, meta, path, chart_name, chart_written):
     out = []
     w = out.append
@@ -292,6 +357,8 @@ def write_markdown(results, meta, path, chart_name, chart_written):
                       % (label, depth_label, threads, fmt(ours), peer_name, fmt(peer_value),
                          ratio_text(ours, peer_value), ratio_text(ours, remap)))
         w("")
+
+    write_behind(w, results, sizes)
 
     for size in sizes:
         w("## Apply at %s, against OpenCV" % size)
