@@ -182,10 +182,31 @@ void NearRun(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) {
   }
 }
 
-// Stores the first `count` (1 to 4) of four finished pixels, each the vector (a, r, g, b). An
-// integer channel is a whole number within the range of its depth here (a blend never leaves
-// the range of its ends), so packing converts it as the store's truncation does.
-template <int BitDepth>
+// The final rounding of an integer channel and the store's conversion, fused: the route's
+// round to the nearest integral value, then truncation to int32.
+template <class Route>
+struct RoundThenTruncate {
+  static __m128i ToInt(__m128 v) { return _mm_cvttps_epi32(Route::Round(v)); }
+};
+// The same in one conversion in the current rounding mode. It gives the same integer when
+// the mode is round-to-nearest-even (the instruction route's explicit direction), and always
+// for the conversion route, whose Round is this conversion and back.
+struct ConvertInCurrentMode {
+  static __m128i ToInt(__m128 v) { return _mm_cvtps_epi32(v); }
+};
+
+// Whether ConvertInCurrentMode rounds as RoundThenTruncate<Route> does.
+template <class Route>
+inline bool CurrentModeRoundsAs() {
+  return std::is_same<Route, rounding::ConversionRoute>::value ||
+         (_mm_getcsr() & _MM_ROUND_MASK) == _MM_ROUND_NEAREST;
+}
+
+// Stores the first `count` (1 to 4) of four finished pixels, each the vector (a, r, g, b);
+// integer channels are rounded by Rounder. An integer channel is then a whole number within
+// the range of its depth (a blend never leaves the range of its ends), so packing converts
+// it as the store's truncation does.
+template <int BitDepth, class Rounder>
 inline void StoreFourPixelVectors(char* dst, __m128 p0, __m128 p1, __m128 p2, __m128 p3,
                                   int count) {
   if (BitDepth == 32) {
@@ -196,8 +217,8 @@ inline void StoreFourPixelVectors(char* dst, __m128 p0, __m128 p1, __m128 p2, __
     if (count > 3) _mm_storeu_ps(out + 12, p3);
     return;
   }
-  const __m128i i0 = _mm_cvttps_epi32(p0), i1 = _mm_cvttps_epi32(p1);
-  const __m128i i2 = _mm_cvttps_epi32(p2), i3 = _mm_cvttps_epi32(p3);
+  const __m128i i0 = Rounder::ToInt(p0), i1 = Rounder::ToInt(p1);
+  const __m128i i2 = Rounder::ToInt(p2), i3 = Rounder::ToInt(p3);
   alignas(16) char group[32];
   if (BitDepth == 8) {
     const __m128i bytes = _mm_packus_epi16(_mm_packs_epi32(i0, i1), _mm_packs_epi32(i2, i3));
@@ -217,9 +238,9 @@ inline void StoreFourPixelVectors(char* dst, __m128 p0, __m128 p1, __m128 p2, __
 
 // One bilinear pixel of lane Lane of a group, with its four channels side by side: each
 // channel goes through the same blends with its pixel's fractions, then (when Masked) the
-// inside mask; integer depths are rounded. p is the first neighbour, d the byte distances of
-// the other three (right, below, below right).
-template <int BitDepth, class Route, int Lane, bool Masked>
+// inside mask; the store rounds integer depths. p is the first neighbour, d the byte
+// distances of the other three (right, below, below right).
+template <int BitDepth, int Lane, bool Masked>
 inline __m128 BiLinPixel(const char* p, const std::ptrdiff_t* d, __m128 fx, __m128 fy,
                          __m128 inside) {
   using Format = PixelFormatOf<BitDepth>;
@@ -232,7 +253,7 @@ inline __m128 BiLinPixel(const char* p, const std::ptrdiff_t* d, __m128 fx, __m1
   const __m128 tx = Broadcast<Lane>(fx), ty = Broadcast<Lane>(fy);
   __m128 out = blend(blend(c00, c10, tx), blend(c01, c11, tx), ty);
   if (Masked) out = _mm_mul_ps(out, Broadcast<Lane>(inside));
-  return BitDepth == 32 ? out : Route::Round(out);
+  return out;
 }
 
 // The bilinear sampler's run operations fused likewise: floor and fraction, the four clipped
@@ -243,8 +264,8 @@ inline __m128 BiLinPixel(const char* p, const std::ptrdiff_t* d, __m128 fx, __m1
 // have both neighbours of each axis inside the image, no coordinate is clipped, so the
 // neighbours lie one pixel and one row on from the first, and are addressed from it (the
 // image's offsets cannot wrap: TapsAddressable).
-template <int BitDepth, class Route>
-void BiLinRun(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) {
+template <int BitDepth, class Route, class Rounder>
+void BiLinRunWith(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) {
   using Format = PixelFormatOf<BitDepth>;
   const __m128 zero = _mm_setzero_ps(), one = _mm_set1_ps(1.0f);
   const __m128 xmax = _mm_set1_ps(static_cast<float>(rd->width - 1));
@@ -276,12 +297,12 @@ void BiLinRun(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) {
         const __m128 fx = _mm_sub_ps(x, ix), fy = _mm_sub_ps(y, iy);
         const __m128i at = FourOffsets(ix, iy, rowStride, pixelStride, 4);
         const std::ptrdiff_t d[3] = {right, down, down + right};
-        StoreFourPixelVectors<BitDepth>(
+        StoreFourPixelVectors<BitDepth, Rounder>(
             dst,
-            BiLinPixel<BitDepth, Route, 0, false>(base + _mm_cvtsi128_si32(at), d, fx, fy, one),
-            BiLinPixel<BitDepth, Route, 1, false>(base + _mm_extract_epi32(at, 1), d, fx, fy, one),
-            BiLinPixel<BitDepth, Route, 2, false>(base + _mm_extract_epi32(at, 2), d, fx, fy, one),
-            BiLinPixel<BitDepth, Route, 3, false>(base + _mm_extract_epi32(at, 3), d, fx, fy, one),
+            BiLinPixel<BitDepth, 0, false>(base + _mm_cvtsi128_si32(at), d, fx, fy, one),
+            BiLinPixel<BitDepth, 1, false>(base + _mm_extract_epi32(at, 1), d, fx, fy, one),
+            BiLinPixel<BitDepth, 2, false>(base + _mm_extract_epi32(at, 2), d, fx, fy, one),
+            BiLinPixel<BitDepth, 3, false>(base + _mm_extract_epi32(at, 3), d, fx, fy, one),
             4);
         continue;
       }
@@ -311,12 +332,20 @@ void BiLinRun(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) {
       d[l][1] = std::ptrdiff_t{at[2][l]} - at[0][l];
       d[l][2] = std::ptrdiff_t{at[3][l]} - at[0][l];
     }
-    StoreFourPixelVectors<BitDepth>(
-        dst, BiLinPixel<BitDepth, Route, 0, true>(base + at[0][0], d[0], fx, fy, inside),
-        BiLinPixel<BitDepth, Route, 1, true>(base + at[0][1], d[1], fx, fy, inside),
-        BiLinPixel<BitDepth, Route, 2, true>(base + at[0][2], d[2], fx, fy, inside),
-        BiLinPixel<BitDepth, Route, 3, true>(base + at[0][3], d[3], fx, fy, inside), count);
+    StoreFourPixelVectors<BitDepth, Rounder>(
+        dst, BiLinPixel<BitDepth, 0, true>(base + at[0][0], d[0], fx, fy, inside),
+        BiLinPixel<BitDepth, 1, true>(base + at[0][1], d[1], fx, fy, inside),
+        BiLinPixel<BitDepth, 2, true>(base + at[0][2], d[2], fx, fy, inside),
+        BiLinPixel<BitDepth, 3, true>(base + at[0][3], d[3], fx, fy, inside), count);
   }
+}
+
+template <int BitDepth, class Route>
+void BiLinRun(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) {
+  if (BitDepth != 32 && CurrentModeRoundsAs<Route>()) {
+    return BiLinRunWith<BitDepth, Route, ConvertInCurrentMode>(rd, pos, n, dst);
+  }
+  BiLinRunWith<BitDepth, Route, RoundThenTruncate<Route>>(rd, pos, n, dst);
 }
 
 // Runs Run<depth, route> for the record's depth and the feature word's rounding route; an

@@ -13,6 +13,7 @@
 // both rounding routes, at every depth, over runs of every length with positions inside,
 // at and beyond the edges and non-finite, on images that hold NaN and infinite floats.
 #include <gtest/gtest.h>
+#include <xmmintrin.h>
 
 #include <cinttypes>
 #include <cmath>
@@ -544,6 +545,18 @@ bool SameOutput(const char* a, const char* b, int pixels, int depth) {
   return true;
 }
 
+// Sets the processor's rounding mode for a scope.
+class RoundingModeScope {
+ public:
+  explicit RoundingModeScope(unsigned mode) : saved_(_MM_GET_ROUNDING_MODE()) {
+    _MM_SET_ROUNDING_MODE(mode);
+  }
+  ~RoundingModeScope() { _MM_SET_ROUNDING_MODE(saved_); }
+
+ private:
+  unsigned saved_;
+};
+
 TEST(BitIdentity, SamplersGiveWhatTheirStepsOnRunsGive) {
   CheckCPUFeatures();
   float *lanczos2 = nullptr, *lanczos3 = nullptr, *mitchell = nullptr;
@@ -585,8 +598,12 @@ TEST(BitIdentity, SamplersGiveWhatTheirStepsOnRunsGive) {
         rd.phasesPerPixel = f.taps ? 64.0f : 0.0f;
         rd.phaseStride = f.phaseStride;
         rd.kernelTable = f.table;
+        // The host may leave the processor in another rounding mode; conversions in the
+        // current mode must still round as the run operations do.
+        for (unsigned mode : {_MM_ROUND_NEAREST, _MM_ROUND_TOWARD_ZERO, _MM_ROUND_UP})
         for (bool sse41 : {true, false}) {
           Route route(sse41);
+          RoundingModeScope rounding(mode);
           for (int run = 0; run < 40; ++run) {
             const int n = run < 8 ? run + 1 : std::uniform_int_distribution<int>(1, 64)(rng);
             FGulpPt pos;
@@ -602,8 +619,8 @@ TEST(BitIdentity, SamplersGiveWhatTheirStepsOnRunsGive) {
             f.byRun(&rd, pos, byRun.data());
             SCOPED_TRACE(std::string(f.name) + " depth " + std::to_string(depth) + " size " +
                          std::to_string(width) + "x" + std::to_string(height) +
-                         (sse41 ? " SSE4.1 route" : " conversion route") + " run of " +
-                         std::to_string(n));
+                         (sse41 ? " SSE4.1 route" : " conversion route") + " rounding mode " +
+                         std::to_string(mode) + " run of " + std::to_string(n));
             ASSERT_TRUE(SameOutput(fused.data(), byRun.data(), n, depth));
             for (size_t b = bytes; b < fused.size(); ++b) {
               ASSERT_EQ(fused[b], 0x5A) << "written past the run";
