@@ -236,6 +236,29 @@ inline void StoreFourPixelVectors(char* dst, __m128 p0, __m128 p1, __m128 p2, __
   std::memcpy(dst, group, static_cast<size_t>(count) * PixelFormatOf<BitDepth>::kBytes);
 }
 
+// Four whole pixels, each the vector (a, r, g, b) that its function returns, computed and
+// stored in order two at a time; integer channels are rounded by Rounder and packed as in
+// StoreFourPixelVectors.
+template <int BitDepth, class Rounder, class P0, class P1, class P2, class P3>
+inline void StoreFourPixelPairs(char* dst, P0 p0, P1 p1, P2 p2, P3 p3) {
+  if (BitDepth == 32) {
+    float* out = reinterpret_cast<float*>(dst);
+    _mm_storeu_ps(out, p0());
+    _mm_storeu_ps(out + 4, p1());
+    _mm_storeu_ps(out + 8, p2());
+    _mm_storeu_ps(out + 12, p3());
+  } else if (BitDepth == 8) {
+    const __m128i w01 = _mm_packs_epi32(Rounder::ToInt(p0()), Rounder::ToInt(p1()));
+    const __m128i w23 = _mm_packs_epi32(Rounder::ToInt(p2()), Rounder::ToInt(p3()));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), _mm_packus_epi16(w01, w23));
+  } else {
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst),
+                     _mm_packus_epi32(Rounder::ToInt(p0()), Rounder::ToInt(p1())));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + 16),
+                     _mm_packus_epi32(Rounder::ToInt(p2()), Rounder::ToInt(p3())));
+  }
+}
+
 // One bilinear pixel of lane Lane of a group, with its four channels side by side: each
 // channel goes through the same blends with its pixel's fractions, then (when Masked) the
 // inside mask; the store rounds integer depths. p is the first neighbour, d the byte
@@ -297,13 +320,18 @@ void BiLinRunWith(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) 
         const __m128 fx = _mm_sub_ps(x, ix), fy = _mm_sub_ps(y, iy);
         const __m128i at = FourOffsets(ix, iy, rowStride, pixelStride, 4);
         const std::ptrdiff_t d[3] = {right, down, down + right};
-        StoreFourPixelVectors<BitDepth, Rounder>(
-            dst,
-            BiLinPixel<BitDepth, 0, false>(base + _mm_cvtsi128_si32(at), d, fx, fy, one),
-            BiLinPixel<BitDepth, 1, false>(base + _mm_extract_epi32(at, 1), d, fx, fy, one),
-            BiLinPixel<BitDepth, 2, false>(base + _mm_extract_epi32(at, 2), d, fx, fy, one),
-            BiLinPixel<BitDepth, 3, false>(base + _mm_extract_epi32(at, 3), d, fx, fy, one),
-            4);
+        // Each pair of pixels is finished and packed before the next is started, which keeps
+        // the working values within the sixteen vector registers.
+        auto pixel = [&](auto lane) {
+          constexpr int l = decltype(lane)::value;
+          const int offset = l == 0 ? _mm_cvtsi128_si32(at) : _mm_extract_epi32(at, l);
+          return BiLinPixel<BitDepth, l, false>(base + offset, d, fx, fy, one);
+        };
+        StoreFourPixelPairs<BitDepth, Rounder>(
+            dst, [&] { return pixel(std::integral_constant<int, 0>{}); },
+            [&] { return pixel(std::integral_constant<int, 1>{}); },
+            [&] { return pixel(std::integral_constant<int, 2>{}); },
+            [&] { return pixel(std::integral_constant<int, 3>{}); });
         continue;
       }
     }
