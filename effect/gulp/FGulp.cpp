@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "gulp/CpuFeatures.h"
+#include "gulp/IotaGroups.h"
 #include "gulp/RoundingRoutes.h"
 
 namespace {
@@ -111,21 +112,11 @@ void FGulp::Constant(float v) {
 }
 
 void FGulp::Iota(float start, float step) {
-  // Accumulated, not multiplied out: lanes 0..3 are start, start+step, start+(step+step),
-  // start+3*step; lanes 4..7 add q = 4*step; each further block adds q+q.
-  const float lane1 = start + step;
-  const float lane2 = start + (step + step);
-  const float lane3 = start + 3.0f * step;
-  const V q = Splat(4.0f * step);
-  const V q2 = _mm_add_ps(q, q);
-  V lo = _mm_setr_ps(start, lane1, lane2, lane3);
-  V hi = _mm_add_ps(lo, q);
+  IotaGroups groups = StartIota(start, step);
   float* out = data();
   for (int i = 0; i < len; i += kBlock) {
-    _mm_store_ps(out + i, lo);
-    _mm_store_ps(out + i + 4, hi);
-    lo = _mm_add_ps(lo, q2);
-    hi = _mm_add_ps(hi, q2);
+    _mm_store_ps(out + i, NextIotaGroup(groups));
+    _mm_store_ps(out + i + 4, NextIotaGroup(groups));
   }
 }
 

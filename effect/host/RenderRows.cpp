@@ -2,6 +2,7 @@
 
 #include <smmintrin.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -97,17 +98,16 @@ FilterKernel KernelOf(int32_t filterType, const VtAFXLensData& lens) {
 
 // One step of the row: the output positions of pixels x0 .. x0 + len - 1 of row y (in the
 // layer), mapped through the lens and moved into the input buffer's own pixels.
-void MapStep(const RenderData& rd, A_long x0, A_long y, FGulpPt& outPos, FGulpPt& inPos) {
+void MapStep(const RenderData& rd, A_long x0, A_long y, FGulpPt& inPos) {
   const PF_EffectWorld& output = *rd.outputWorld;
   const PF_EffectWorld& input = *rd.inputWorld;
-  outPos.x.SetLen(output.width, x0);
-  outPos.y.SetLen(output.width, x0);
   // The sums are whole numbers, so they are formed in integers and converted once.
-  outPos.x.Iota(static_cast<float>(output.origin_x + x0), 1.0f);
-  outPos.y.Constant(static_cast<float>(output.origin_y + y));
-  MapOutToBufferPt(rd.lensData, outPos, inPos,
-                   BufferOrigin{static_cast<float>(input.origin_x),
-                                static_cast<float>(input.origin_y)});
+  const RowStep step{static_cast<float>(output.origin_x + x0),
+                     static_cast<float>(output.origin_y + y),
+                     std::min<A_long>(FGulp::kCapacity, output.width - x0)};
+  MapRowStepToBufferPt(rd.lensData, step, inPos,
+                       BufferOrigin{static_cast<float>(input.origin_x),
+                                    static_cast<float>(input.origin_y)});
 }
 
 template <typename Pixel>
@@ -118,12 +118,11 @@ PF_Err DistortRow(void* refcon, A_long y, Pixel* out) {
     return PF_Err_NONE;
   }
   const int32_t filterType = rd.lensData->filterType;
-  FGulpPt outPos;
   FGulpPt inPos;
 
   if (filterType == kFilterBuiltIn) {
     for (A_long x0 = 0; x0 < width; x0 += FGulp::kCapacity) {
-      MapStep(rd, x0, y, outPos, inPos);
+      MapStep(rd, x0, y, inPos);
       Pixel* dst = out + x0;
       for (int k = 0; k < inPos.x.len; ++k) {
         // The host's sampler reports nothing the row could act on; its result is not used.
@@ -166,7 +165,7 @@ PF_Err DistortRow(void* refcon, A_long y, Pixel* out) {
   resample.kernelTable = kernel.table;
 
   for (A_long x0 = 0; x0 < width; x0 += FGulp::kCapacity) {
-    MapStep(rd, x0, y, outPos, inPos);
+    MapStep(rd, x0, y, inPos);
     kernel.sampler(&resample, inPos, out + x0);
   }
   return PF_Err_NONE;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "gulp/IotaGroups.h"
 #include "gulp/RoundingRoutes.h"
 #include "lens/PointMapping.h"
 
@@ -55,21 +56,46 @@ struct PixelTransform {
   }
 };
 
-// Runs group(x, y, &inX, &inY, lanes) over every group of four up to the end of the last
-// block of 8; lanes is the number of meaningful elements in the group (it may be 0 or less
-// for the second half of the last block).
-template <class Group>
-void ForEachGroup(const FGulpPt& out, FGulpPt& in, Group group) {
-  const int n = std::min(out.x.len, out.y.len);
-  const float* xs = out.x.data();
-  const float* ys = out.y.data();
+// Where the output positions of a step come from, a group of four at a time: read from the
+// runs, or generated for a row step (x as Iota(x0, 1) gives it, y constant) with the same
+// values, so that they need not be stored and read back.
+struct RunPositions {
+  const float* xs;
+  const float* ys;
+  int next;
+};
+inline void NextGroup(RunPositions& p, V& x, V& y) {
+  x = _mm_load_ps(p.xs + p.next);
+  y = _mm_load_ps(p.ys + p.next);
+  p.next += 4;
+}
+
+struct RowStepPositions {
+  IotaGroups xs;
+  V y;
+};
+inline void NextGroup(RowStepPositions& p, V& x, V& y) {
+  x = NextIotaGroup(p.xs);
+  y = p.y;
+}
+
+// Runs group(x, y, &inX, &inY, lanes) over every group of four of the n positions, up to
+// the end of the last block of 8; lanes is the number of meaningful elements in the group
+// (it may be 0 or less for the second half of the last block).
+template <class Positions, class Group>
+void ForEachGroup(Positions positions, int n, FGulpPt& in, Group group) {
   float* inX = in.x.data();
   float* inY = in.y.data();
-  for (int i = 0; i < n; i += 4) group(xs + i, ys + i, inX + i, inY + i, n - i);
+  V x, y;
+  for (int i = 0; i < n; i += 4) {
+    NextGroup(positions, x, y);
+    group(x, y, inX + i, inY + i, n - i);
+  }
   // The block rule: whole blocks of 8 are stored.
   if (n > 0 && n % 8 > 0 && n % 8 <= 4) {
     const int i = n - n % 8 + 4;
-    group(xs + i, ys + i, inX + i, inY + i, 0);
+    NextGroup(positions, x, y);
+    group(x, y, inX + i, inY + i, 0);
   }
   in.x.len = n;
   in.y.len = n;
@@ -78,8 +104,8 @@ void ForEachGroup(const FGulpPt& out, FGulpPt& in, Group group) {
 // Remove: an output pixel at undistorted radius m (after the zoom) reads the input at the
 // distorted radius P(m). The polynomial is evaluated as it is, beyond the limit too. Factor
 // computes f from s2 by the case of the coefficients.
-template <class Factor>
-void RemoveRun(const VtAFXLensData& lens, const FGulpPt& out, FGulpPt& in,
+template <class Positions, class Factor>
+void RemoveRun(const VtAFXLensData& lens, Positions out, int n, FGulpPt& in,
                const BufferOrigin& origin, Factor factor) {
   // The zoom is folded into the affine step, each product formed first in float.
   const V scaleX = Splat(lens.normScaleX * lens.invZoom);
@@ -87,9 +113,9 @@ void RemoveRun(const VtAFXLensData& lens, const FGulpPt& out, FGulpPt& in,
   const V scaleY = Splat(lens.normScaleY * lens.invZoom);
   const V offsetY = Splat(lens.invZoom * lens.normOffsetY);
   const PixelTransform pix(lens, origin);
-  ForEachGroup(out, in, [&](const float* x, const float* y, float* inX, float* inY, int) {
-    const V xn = MulAdd(_mm_load_ps(x), scaleX, offsetX);  // muladd(out.x, scale, offset)
-    const V yn = MulAdd(_mm_load_ps(y), scaleY, offsetY);
+  ForEachGroup(out, n, in, [&](V x, V y, float* inX, float* inY, int) {
+    const V xn = MulAdd(x, scaleX, offsetX);  // muladd(out.x, scale, offset)
+    const V yn = MulAdd(y, scaleY, offsetY);
     const V s2 = _mm_add_ps(_mm_mul_ps(xn, xn), _mm_mul_ps(yn, yn));  // sumsq(xn, yn)
     const V f = factor(s2);
     _mm_store_ps(inX, pix.X(_mm_mul_ps(xn, f)));  // mul, muladd
@@ -97,36 +123,37 @@ void RemoveRun(const VtAFXLensData& lens, const FGulpPt& out, FGulpPt& in,
   });
 }
 
-void Remove(const VtAFXLensData& lens, const FGulpPt& out, FGulpPt& in,
+template <class Positions>
+void Remove(const VtAFXLensData& lens, Positions out, int n, FGulpPt& in,
             const BufferOrigin& origin) {
   const float k2f = lens.quadraticF, k3f = lens.cubicF, k4f = lens.quarticF;
   const V k2 = Splat(k2f), k3 = Splat(k3f), k4 = Splat(k4f), one = Splat(1.0f);
   if (k4f != 0.0f && k3f != 0.0f) {
-    RemoveRun(lens, out, in, origin, [=](V s2) {
+    RemoveRun(lens, out, n, in, origin, [=](V s2) {
       V t = _mm_sqrt_ps(s2);                // sqrt(s2)
       t = MulAdd(t, k3, k2);                // muladd(t, k3, k2)
       t = _mm_add_ps(_mm_mul_ps(k4, s2), t);  // muladd(k4, s2, t)
       return MulAdd(t, s2, one);            // muladd(t, s2, 1)
     });
   } else if (k4f != 0.0f) {
-    RemoveRun(lens, out, in, origin, [=](V s2) {
+    RemoveRun(lens, out, n, in, origin, [=](V s2) {
       const V t = MulAdd(k4, s2, k2);       // muladd(k4, s2, k2)
       return MulAdd(t, s2, one);            // muladd(t, s2, 1)
     });
   } else if (k3f != 0.0f) {
-    RemoveRun(lens, out, in, origin, [=](V s2) {
+    RemoveRun(lens, out, n, in, origin, [=](V s2) {
       const V t = MulAdd(_mm_sqrt_ps(s2), k3, k2);  // sqrt, muladd(t, k3, k2)
       return MulAdd(t, s2, one);                    // muladd(t, s2, 1)
     });
   } else {
-    RemoveRun(lens, out, in, origin, [=](V s2) { return MulAdd(s2, k2, one); });  // muladd(s2, k2, 1)
+    RemoveRun(lens, out, n, in, origin, [=](V s2) { return MulAdd(s2, k2, one); });  // muladd(s2, k2, 1)
   }
 }
 
 // Apply through the inverse table: an output pixel at distorted radius r reads the input at
 // the undistorted radius P^-1(r), interpolated in the table, scaled by the zoom.
-template <class Route>
-void ApplyTableRun(const VtAFXLensData& lens, const FGulpPt& out, FGulpPt& in,
+template <class Route, class Positions>
+void ApplyTableRun(const VtAFXLensData& lens, Positions out, int n, FGulpPt& in,
                    const BufferOrigin& origin) {
   const V scaleX = Splat(lens.normScaleX), offsetX = Splat(lens.normOffsetX);
   const V scaleY = Splat(lens.normScaleY), offsetY = Splat(lens.normOffsetY);
@@ -135,9 +162,9 @@ void ApplyTableRun(const VtAFXLensData& lens, const FGulpPt& out, FGulpPt& in,
   const V zoom = Splat(static_cast<float>(lens.zoom));
   const PixelTransform pix(lens, origin);
   const float* table = lens.inverseTable;
-  ForEachGroup(out, in, [&](const float* x, const float* y, float* inX, float* inY, int lanes) {
-    const V xn = MulAdd(_mm_load_ps(x), scaleX, offsetX);
-    const V yn = MulAdd(_mm_load_ps(y), scaleY, offsetY);
+  ForEachGroup(out, n, in, [&](V x, V y, float* inX, float* inY, int lanes) {
+    const V xn = MulAdd(x, scaleX, offsetX);
+    const V yn = MulAdd(y, scaleY, offsetY);
     const V r = _mm_sqrt_ps(_mm_add_ps(_mm_mul_ps(xn, xn), _mm_mul_ps(yn, yn)));  // hypot
     // LUTscale: min(2048, max(0, r * lutScale)); the clamp keeps every index within 0..2048,
     // and entry 2049 serves index 2048.
@@ -190,11 +217,14 @@ void ApplySolved(const VtAFXLensData& lens, const FGulpPt& out, FGulpPt& in,
 
 void MapOutToBufferPt(const VtAFXLensData* lens, const FGulpPt& out, FGulpPt& in,
                       const BufferOrigin& origin) {
+  const int n = std::min(out.x.len, out.y.len);
+  const RunPositions positions{out.x.data(), out.y.data(), 0};
   if (lens->distortMode != kDistortModeApply) {
-    Remove(*lens, out, in, origin);
+    Remove(*lens, positions, n, in, origin);
   } else if (lens->tableValid != 0) {
-    rounding::WithRoute(
-        [&](auto route) { ApplyTableRun<decltype(route)>(*lens, out, in, origin); });
+    rounding::WithRoute([&](auto route) {
+      ApplyTableRun<decltype(route)>(*lens, positions, n, in, origin);
+    });
   } else {
     ApplySolved(*lens, out, in, origin);
   }
@@ -202,4 +232,26 @@ void MapOutToBufferPt(const VtAFXLensData* lens, const FGulpPt& out, FGulpPt& in
 
 void MapOutToInPt(const VtAFXLensData* lens, const FGulpPt& out, FGulpPt& in) {
   MapOutToBufferPt(lens, out, in, BufferOrigin{0.0f, 0.0f});
+}
+
+void MapRowStepToBufferPt(const VtAFXLensData* lens, const RowStep& step, FGulpPt& in,
+                          const BufferOrigin& origin) {
+  const int n = std::max(0, std::min(step.len, FGulp::kCapacity));
+  if (lens->distortMode == kDistortModeApply && lens->tableValid == 0) {
+    FGulpPt out;  // the solver works on stored runs
+    out.x.SetLen(n, 0);
+    out.y.SetLen(n, 0);
+    out.x.Iota(step.x0, 1.0f);
+    out.y.Constant(step.y);
+    ApplySolved(*lens, out, in, origin);
+    return;
+  }
+  const RowStepPositions positions{StartIota(step.x0, 1.0f), _mm_set1_ps(step.y)};
+  if (lens->distortMode != kDistortModeApply) {
+    Remove(*lens, positions, n, in, origin);
+  } else {
+    rounding::WithRoute([&](auto route) {
+      ApplyTableRun<decltype(route)>(*lens, positions, n, in, origin);
+    });
+  }
 }

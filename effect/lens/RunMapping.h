@@ -22,6 +22,17 @@ struct BufferOrigin {
 void MapOutToBufferPt(const VtAFXLensData* lens, const FGulpPt& out, FGulpPt& in,
                       const BufferOrigin& origin);
 
+// The output positions of one step of a row: x0, x0 + 1, ... (len of them, at most 64, as
+// FGulp::Iota(x0, 1) forms them) on row y.
+struct RowStep {
+  float x0, y;
+  int len;
+};
+
+// MapOutToBufferPt of the runs of a row step, without storing the output positions first.
+void MapRowStepToBufferPt(const VtAFXLensData* lens, const RowStep& step, FGulpPt& in,
+                          const BufferOrigin& origin);
+
 // Internal: ratio takes r's length and, for exactly that many elements, the ratio u/r of
 // the inverse polynomial (1 where r is 0), one element at a time. Elements past the length
 // are left alone.
