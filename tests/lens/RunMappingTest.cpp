@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
+#include <string>
 #include <random>
 #include <vector>
 
@@ -321,3 +323,59 @@ TEST_F(RunMappingTest, AgreesWithTheReferenceInsideTheLimit) {
 }
 
 }  // namespace
+
+namespace {
+
+bool SameBits(float a, float b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+
+}  // namespace
+
+// A row step mapped straight from its start must give exactly what mapping the stored runs
+// (Iota and Constant) and subtracting the buffer origin gives: every path, every step length,
+// starts where float steps are exact and where they round (beyond 2^24).
+TEST_F(RunMappingTest, RowStepsMapAsTheirStoredRuns) {
+  struct Case {
+    int mode;
+    double quad, cube, quar;
+    int tableValid;
+  };
+  const Case cases[] = {{kDistortModeRemove, -50, 0, 0, 1},  {kDistortModeRemove, 30, -20, 10, 1},
+                        {kDistortModeRemove, 20, 0, -5, 1},  {kDistortModeRemove, -10, 15, 0, 1},
+                        {kDistortModeApply, -50, 0, 0, 1},   {kDistortModeApply, -50, 0, 0, 0}};
+  const float starts[] = {0.0f, -37.0f, 1913.0f, 16777200.0f, -16777230.0f};
+  const BufferOrigin origins[] = {{0.0f, 0.0f}, {149.0f, -23.0f}};
+  for (const Case& c : cases) {
+    LensParams p;
+    p.mode = c.mode;
+    p.quadX1000 = c.quad;
+    p.cubeX1000 = c.cube;
+    p.quarX1000 = c.quar;
+    auto lens = MakeLens(p);
+    lens->tableValid = c.tableValid;
+    for (float x0 : starts) {
+      for (int len : {1, 3, 4, 5, 8, 13, 63, 64}) {
+        for (const BufferOrigin& origin : origins) {
+          const float y = 517.0f;
+          FGulpPt out, viaRuns, viaStep;
+          out.x.SetLen(len, 0);
+          out.y.SetLen(len, 0);
+          out.x.Iota(x0, 1.0f);
+          out.y.Constant(y);
+          MapOutToInPt(lens.get(), out, viaRuns);
+          if (origin.x != 0.0f) viaRuns.x -= origin.x;
+          if (origin.y != 0.0f) viaRuns.y -= origin.y;
+          MapRowStepToBufferPt(lens.get(), RowStep{x0, y, len}, viaStep, origin);
+          SCOPED_TRACE("mode " + std::to_string(c.mode) + " table " +
+                       std::to_string(c.tableValid) + " x0 " + std::to_string(x0) + " len " +
+                       std::to_string(len));
+          ASSERT_EQ(viaStep.x.len, len);
+          ASSERT_EQ(viaStep.y.len, len);
+          for (int k = 0; k < len; ++k) {
+            ASSERT_TRUE(SameBits(viaStep.x[k], viaRuns.x[k])) << "x of element " << k;
+            ASSERT_TRUE(SameBits(viaStep.y[k], viaRuns.y[k])) << "y of element " << k;
+          }
+        }
+      }
+    }
+  }
+}
