@@ -55,8 +55,8 @@ std::vector<Host*> live_hosts;  // in order of creation
 constexpr SPErr kSPBadParameterError = 0x5061726D;
 // The largest block host_new_handle hands out; larger requests fail like an exhausted heap.
 constexpr uint64_t kMaxHandleBytes = uint64_t{1} << 32;
-// The most consecutive rows an iterate thread claims at a time.
-constexpr A_long kIterateRowsPerClaim = 8;
+// An iterate thread claims 1 / (this * threads) of the rows left at a time.
+constexpr A_long kIterateShareDivisor = 2;
 
 bool IsEmpty(const PF_LRect& r) { return r.left >= r.right || r.top >= r.bottom; }
 
@@ -646,18 +646,26 @@ PF_Err HostCallbacks::Iterate(int depthBits, PF_InData* in_data, A_long progress
                          : std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
   const int participants = static_cast<int>(std::min<int64_t>(wanted, int64_t{bottom} - top));
 
-  // Rows are handed out from a shared counter in runs of a few consecutive rows: a thread
-  // that works through neighbouring rows finds much of their source pixels still in its own
-  // cache. The runs are short against the area (at most 1/16 of each thread's share), so
-  // the threads still finish together whatever each row costs. Nothing is allocated per row;
-  // the rows passed to the callback are marked for the host's books.
-  const A_long chunk = std::max<A_long>(
-      1, std::min<A_long>(kIterateRowsPerClaim, (bottom - top) / (16 * participants)));
+  // Rows are handed out from a shared counter in runs of consecutive rows, each run a share
+  // of the rows still left (guided scheduling): a thread works through one region of the
+  // frame, whose source pixels stay in its own cache, and the runs shrink to single rows
+  // towards the end, so the threads still finish together whatever each row costs. Nothing
+  // is allocated per row; the rows passed to the callback are marked for the host's books.
   std::vector<uint8_t> visited(static_cast<size_t>(bottom - top), 0);
   std::atomic<A_long> nextRow{top};
   std::atomic<PF_Err> firstError{PF_Err_NONE};
   std::atomic<bool> stop{false};
   std::atomic<int> threadsUsed{0};
+  // Claims the next run [first, last); false when no rows are left.
+  auto claim = [&](A_long& first, A_long& last) {
+    first = nextRow.load(std::memory_order_relaxed);
+    for (;;) {
+      if (first >= bottom) return false;
+      const A_long share = (bottom - first) / (kIterateShareDivisor * participants);
+      last = first + std::max<A_long>(1, share);
+      if (nextRow.compare_exchange_weak(first, last, std::memory_order_relaxed)) return true;
+    }
+  };
 
   auto job = [&] {
     Scope scope(host);
@@ -665,9 +673,8 @@ PF_Err HostCallbacks::Iterate(int depthBits, PF_InData* in_data, A_long progress
     bool ranRow = false;
     for (;;) {
       if (stop.load(std::memory_order_relaxed)) break;
-      const A_long first = nextRow.fetch_add(chunk, std::memory_order_relaxed);
-      if (first >= bottom) break;
-      const A_long last = std::min<A_long>(first + chunk, bottom);
+      A_long first = 0, last = 0;
+      if (!claim(first, last)) break;
       for (A_long y = first; y < last && !stop.load(std::memory_order_relaxed); ++y) {
         ranRow = true;
         visited[static_cast<size_t>(y - top)] = 1;
