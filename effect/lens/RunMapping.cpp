@@ -32,28 +32,21 @@ inline V Splat(float s) { return _mm_set1_ps(s); }
 // muladd(a, s, t) = a*s + t and its mirror muladd(s, a, t) = s*a + t.
 inline V MulAdd(V a, V s, V t) { return _mm_add_ps(_mm_mul_ps(a, s), t); }
 
-// The last step of both modes: in = xs * pixScale + pixOffset (muladd), then, for positions
-// in a buffer whose top-left pixel is not the layer's, less the buffer's origin (sub).
+// The last step of both modes: in = xs * pixScale + pixOffset (muladd), then less the
+// input buffer's origin (sub). A zero origin gives every position back bit for bit (x - 0 is
+// x for every x, -0 and NaN included, and no result here is a signalling NaN), so the
+// subtraction is made whatever the origin, without a branch.
 struct PixelTransform {
   V scaleX, offsetX, scaleY, offsetY, originX, originY;
-  bool shiftX, shiftY;
   PixelTransform(const VtAFXLensData& lens, const BufferOrigin& origin)
       : scaleX(Splat(lens.pixScaleX)),
         offsetX(Splat(lens.pixOffsetX)),
         scaleY(Splat(lens.pixScaleY)),
         offsetY(Splat(lens.pixOffsetY)),
         originX(Splat(origin.x)),
-        originY(Splat(origin.y)),
-        shiftX(origin.x != 0.0f),
-        shiftY(origin.y != 0.0f) {}
-  V X(V xs) const {
-    const V v = MulAdd(xs, scaleX, offsetX);
-    return shiftX ? _mm_sub_ps(v, originX) : v;
-  }
-  V Y(V ys) const {
-    const V v = MulAdd(ys, scaleY, offsetY);
-    return shiftY ? _mm_sub_ps(v, originY) : v;
-  }
+        originY(Splat(origin.y)) {}
+  V X(V xs) const { return _mm_sub_ps(MulAdd(xs, scaleX, offsetX), originX); }
+  V Y(V ys) const { return _mm_sub_ps(MulAdd(ys, scaleY, offsetY), originY); }
 };
 
 // Where the output positions of a step come from, a group of four at a time: read from the

@@ -17,7 +17,7 @@ struct BufferOrigin {
 };
 
 // MapOutToInPt, then each input position less the buffer's origin (one subtraction per
-// element, left out where the origin is 0, which gives every position back bit for bit),
+// element; a zero origin gives every position back bit for bit),
 // in the same pass: positions in the pixels of an input buffer placed at `origin`.
 void MapOutToBufferPt(const VtAFXLensData* lens, const FGulpPt& out, FGulpPt& in,
                       const BufferOrigin& origin);
