@@ -202,43 +202,10 @@ inline bool CurrentModeRoundsAs() {
          (_mm_getcsr() & _MM_ROUND_MASK) == _MM_ROUND_NEAREST;
 }
 
-// Stores the first `count` (1 to 4) of four finished pixels, each the vector (a, r, g, b);
-// integer channels are rounded by Rounder. An integer channel is then a whole number within
-// the range of its depth (a blend never leaves the range of its ends), so packing converts
-// it as the store's truncation does.
-template <int BitDepth, class Rounder>
-inline void StoreFourPixelVectors(char* dst, __m128 p0, __m128 p1, __m128 p2, __m128 p3,
-                                  int count) {
-  if (BitDepth == 32) {
-    float* out = reinterpret_cast<float*>(dst);
-    _mm_storeu_ps(out, p0);
-    if (count > 1) _mm_storeu_ps(out + 4, p1);
-    if (count > 2) _mm_storeu_ps(out + 8, p2);
-    if (count > 3) _mm_storeu_ps(out + 12, p3);
-    return;
-  }
-  const __m128i i0 = Rounder::ToInt(p0), i1 = Rounder::ToInt(p1);
-  const __m128i i2 = Rounder::ToInt(p2), i3 = Rounder::ToInt(p3);
-  alignas(16) char group[32];
-  if (BitDepth == 8) {
-    const __m128i bytes = _mm_packus_epi16(_mm_packs_epi32(i0, i1), _mm_packs_epi32(i2, i3));
-    if (count >= 4) return _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), bytes);
-    _mm_store_si128(reinterpret_cast<__m128i*>(group), bytes);
-  } else {
-    const __m128i w01 = _mm_packus_epi32(i0, i1), w23 = _mm_packus_epi32(i2, i3);
-    if (count >= 4) {
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(dst), w01);
-      return _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + 16), w23);
-    }
-    _mm_store_si128(reinterpret_cast<__m128i*>(group), w01);
-    _mm_store_si128(reinterpret_cast<__m128i*>(group + 16), w23);
-  }
-  std::memcpy(dst, group, static_cast<size_t>(count) * PixelFormatOf<BitDepth>::kBytes);
-}
-
 // Four whole pixels, each the vector (a, r, g, b) that its function returns, computed and
-// stored in order two at a time; integer channels are rounded by Rounder and packed as in
-// StoreFourPixelVectors.
+// stored in order two at a time; integer channels are rounded by Rounder and packed. An
+// integer channel is then a whole number within the range of its depth (a blend never
+// leaves the range of its ends), so packing converts it as the store's truncation does.
 template <int BitDepth, class Rounder, class P0, class P1, class P2, class P3>
 inline void StoreFourPixelPairs(char* dst, P0 p0, P1 p1, P2 p2, P3 p3) {
   if (BitDepth == 32) {
@@ -257,6 +224,20 @@ inline void StoreFourPixelPairs(char* dst, P0 p0, P1 p1, P2 p2, P3 p3) {
     _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + 16),
                      _mm_packus_epi32(Rounder::ToInt(p2()), Rounder::ToInt(p3())));
   }
+}
+
+// Stores the first `count` (1 to 4) of four finished pixels, as StoreFourPixelPairs does.
+template <int BitDepth, class Rounder>
+inline void StoreFourPixelVectors(char* dst, __m128 p0, __m128 p1, __m128 p2, __m128 p3,
+                                  int count) {
+  auto value = [](__m128 p) { return [p] { return p; }; };
+  if (count >= 4) {
+    return StoreFourPixelPairs<BitDepth, Rounder>(dst, value(p0), value(p1), value(p2),
+                                                  value(p3));
+  }
+  alignas(16) char group[4 * PixelFormatOf<BitDepth>::kBytes];
+  StoreFourPixelPairs<BitDepth, Rounder>(group, value(p0), value(p1), value(p2), value(p3));
+  std::memcpy(dst, group, static_cast<size_t>(count) * PixelFormatOf<BitDepth>::kBytes);
 }
 
 // One bilinear pixel of lane Lane of a group, with its four channels side by side: each
