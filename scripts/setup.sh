@@ -1,8 +1,18 @@
 #!/usr/bin/env bash
-# Installs what the project needs from Debian's package archive (idempotent).
+# Installs what the build, the tests, the demo and the benchmarks' build need from Debian's
+# package archive, and nothing more (idempotent: only missing packages are installed).
+#
+#   g++ make cmake                  the compiler and the build
+#   libopenimageio-dev              image files; Debian's CMake package for it names the
+#   openimageio-tools               command-line tools (iconvert, oiiotool...) as imported
+#                                   targets and refuses to configure without them
+#   zlib1g-dev                      the PNG chunk checksums of cli/ImageIO.cpp
+#   libcli11-dev                    command-line options
+#   libgtest-dev libgmock-dev       the tests
+#   libbenchmark-dev                the benchmarks
 set -euo pipefail
-packages=(g++ make cmake pkg-config libgtest-dev libgmock-dev libbenchmark-dev
-          libopenimageio-dev libcli11-dev)
+packages=(g++ make cmake libopenimageio-dev openimageio-tools zlib1g-dev libcli11-dev
+          libgtest-dev libgmock-dev libbenchmark-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
@@ -12,6 +22,6 @@ if [ ${#missing[@]} -gt 0 ]; then
   sudo_cmd=()
   [ "$(id -u)" -ne 0 ] && sudo_cmd=(sudo)
   export DEBIAN_FRONTEND=noninteractive
-  "${sudo_cmd[@]}" apt-get update -qq || true
-  "${sudo_cmd[@]}" apt-get install -y -qq "${missing[@]}"
+  "${sudo_cmd[@]}" apt-get update -qq
+  "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
