@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstdio>
+#include <functional>
 #include <new>
 
 #include "AtomicFile.h"
@@ -210,6 +211,31 @@ std::string OneLine(const std::string& message) {
   return line;
 }
 
+// The first word that is neither an option nor the value of --plugin: the command. CLI11 reports
+// a mistyped command as a missing one ("A subcommand is required"), so the tool names it.
+std::string UnknownCommand(const CLI::App& app, const std::vector<std::string>& args) {
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& word = args[i];
+    if (word == "--") return std::string();
+    if (word == "--plugin") {
+      ++i;
+      continue;
+    }
+    if (word.empty() || word[0] == '-') continue;
+    const auto named = [&word](const CLI::App* sub) { return sub->check_name(word); };
+    return app.get_subcommands(named).empty() ? word : std::string();
+  }
+  return std::string();
+}
+
+std::string CommandNames(const CLI::App& app) {
+  std::string names;
+  for (const CLI::App* sub : app.get_subcommands(std::function<bool(const CLI::App*)>())) {
+    names += (names.empty() ? "" : ", ") + sub->get_name();
+  }
+  return names;
+}
+
 }  // namespace
 
 int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
@@ -262,6 +288,11 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
                        "8, 16, half or float (default: half for .exr, float for .hdr, else 8)")
       ->type_name("D");
 
+  if (const std::string unknown = UnknownCommand(app, args); !unknown.empty()) {
+    err << "veltrisca: unknown command '" << OneLine(unknown) << "' (commands: "
+        << CommandNames(app) << "; see veltrisca --help)\n";
+    return kExitUsage;
+  }
   try {
     std::vector<std::string> reversed(args.rbegin(), args.rend());
     app.parse(reversed);

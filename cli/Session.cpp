@@ -1,25 +1,65 @@
 #include "Session.h"
 
 #include <dlfcn.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
 #include <new>
 #include <stdexcept>
+#include <vector>
 
 #include "CliError.h"
 
-#ifndef VT_DEFAULT_EFFECT_PATH
-#define VT_DEFAULT_EFFECT_PATH "VeltriscaDistortion.so"
+// Where the plug-in lies relative to the folder of the running tool: installed
+// (bin/veltrisca beside lib/veltrisca/), then in the build tree (cli/ beside effect/).
+// CMake sets both; the defaults are the usual layouts.
+#ifndef VT_PLUGIN_DIR_FROM_TOOL
+#define VT_PLUGIN_DIR_FROM_TOOL "../lib/veltrisca"
+#endif
+#ifndef VT_BUILD_PLUGIN_DIR_FROM_TOOL
+#define VT_BUILD_PLUGIN_DIR_FROM_TOOL "../effect"
 #endif
 
 namespace veltrisca {
+
+namespace {
+
+constexpr const char* kPluginFile = "VeltriscaDistortion.so";
+
+// The folder of the running executable, from /proc/self/exe (symbolic links resolved, so a
+// link to the tool in another folder still finds the tool's own plug-in).
+std::string ToolFolder() {
+  std::string path(4096, '\0');
+  const ssize_t n = readlink("/proc/self/exe", path.data(), path.size());
+  if (n <= 0 || static_cast<size_t>(n) >= path.size()) return std::string();
+  path.resize(static_cast<size_t>(n));
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? std::string() : path.substr(0, slash);
+}
+
+}  // namespace
+
+std::vector<std::string> PluginCandidates() {
+  const std::string folder = ToolFolder();
+  if (folder.empty()) return {};
+  return {folder + "/" VT_PLUGIN_DIR_FROM_TOOL "/" + kPluginFile,
+          folder + "/" VT_BUILD_PLUGIN_DIR_FROM_TOOL "/" + kPluginFile};
+}
 
 std::string ResolvePluginPath(const std::string& option) {
   if (!option.empty()) return option;
   const char* env = std::getenv("VELTRISCA_PLUGIN");
   if (env && *env) return env;
-  return VT_DEFAULT_EFFECT_PATH;
+  const std::vector<std::string> candidates = PluginCandidates();
+  for (const std::string& path : candidates) {
+    if (access(path.c_str(), R_OK) == 0) return path;
+  }
+  std::string looked;
+  for (const std::string& path : candidates) looked += (looked.empty() ? "" : ", ") + path;
+  throw EffectError("cannot find the effect plug-in " + std::string(kPluginFile) +
+                    (looked.empty() ? std::string() : " (looked in " + looked + ")") +
+                    "; choose one with --plugin or VELTRISCA_PLUGIN");
 }
 
 std::unique_ptr<hostsim::PluginModule> LoadEffect(const std::string& path) {

@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "hostsim/Host.h"
 #include "hostsim/World.h"
@@ -20,7 +21,11 @@ struct PreRenderReadBack {
   hostsim::PreRenderReport report;  // input request, supplied rectangle, pre-render output
 };
 
-// The plug-in path: --plugin, else $VELTRISCA_PLUGIN, else the path the tool was built with.
+// Where the tool looks for its plug-in when neither --plugin nor $VELTRISCA_PLUGIN names
+// one, relative to its own executable: the installed layout, then the build tree's.
+std::vector<std::string> PluginCandidates();
+// The plug-in path: --plugin, else $VELTRISCA_PLUGIN, else the first candidate that exists;
+// throws CliError(kExitEffect) naming the places it looked when none does.
 std::string ResolvePluginPath(const std::string& option);
 // Loads the plug-in; throws CliError(kExitEffect) with the loader's reason.
 std::unique_ptr<hostsim::PluginModule> LoadEffect(const std::string& path);

@@ -193,6 +193,8 @@ TEST(CommandLine, UsageErrorsExitWithOneAndOneLine) {
       {{"render", "a.png", "b.png", "--window", "10,10,10,20"}, "empty"},
       {{"render", "a.png", "b.png", "--threads", "x"}, "--threads"},
       {{}, "subcommand"},
+      {{"foo"}, "unknown command 'foo'"},
+      {{"--plugin", "x.so", "rendr", "a.png"}, "unknown command 'rendr'"},
   };
   for (const Case& c : cases) {
     std::ostringstream out, err;
