@@ -408,17 +408,28 @@ void WriteImageFile(std::unique_ptr<OIIO::ImageOutput> writer, const std::string
   // Declared after the proxy, so destroyed before it: a writer that failed may still write
   // through the proxy when it is destroyed (the TIFF writer does).
   const std::unique_ptr<OIIO::ImageOutput> out = std::move(writer);
-  if (out->supports("ioproxy")) {
+  // OpenImageIO 2.4's TIFF writer cannot read through a proxy, and it reads its own main
+  // directory back after writing an Exif sub-directory (which it writes for every sRGB image):
+  // through a proxy that directory came back empty and the file was left without its size
+  // fields. TIFF files are written by libtiff itself; it checks its own writes.
+  const bool useProxy = out->supports("ioproxy") && std::strcmp(out->format_name(), "tiff") != 0;
+  if (useProxy) {
     proxy = std::make_unique<CheckedFileProxy>(path);
     if (proxy->failed()) throw IoError(shownPath + ": cannot write: " + proxy->why());
     out->set_ioproxy(proxy.get());
   }
+  errno = 0;
   const bool written = out->open(path, spec) && out->write_image(type, pixels) && out->close();
+  const int systemError = errno;
   const std::string writerError = written ? std::string() : out->geterror();
   if (proxy) proxy->close();
   // The proxy knows the system's reason (no space, file too large); the writer's own message
   // is often only a consequence of it.
   if (proxy && proxy->failed()) throw IoError(shownPath + ": cannot write: " + proxy->why());
+  if (!written && !proxy && (systemError == EFBIG || systemError == ENOSPC ||
+                            systemError == EDQUOT || systemError == EIO)) {
+    throw IoError(shownPath + ": cannot write: " + std::strerror(systemError));
+  }
   if (!written) throw IoError(ReaderError(shownPath, writerError));
 }
 

@@ -120,6 +120,37 @@ TEST(RenderLayout, GreyImagesComeBackGrey) {
   }
 }
 
+// Every written file must read back: the inputs carry what made writers stumble before (an
+// sRGB PNG made the TIFF writer write an Exif block and then a TIFF without its size).
+TEST(RenderFormats, EveryWrittenFileReadsBackWithItsSizeAndChannels) {
+  ScratchDir dir;
+  ExpectRun({"chart", dir / "c8.png", "--size", "48x30"});
+  ExpectRun({"chart", dir / "c16.png", "--size", "48x30", "--depth", "16"});
+  ExpectRun({"chart", dir / "c.jpg", "--size", "48x30"});
+  ExpectRun({"chart", dir / "c.exr", "--size", "48x30"});
+  struct Case {
+    const char* in;
+    std::vector<const char*> outs;
+    int channels;
+  };
+  const Case cases[] = {
+      {"c8.png", {"tif", "dpx", "tga"}, 4},
+      {"c16.png", {"tif", "sgi"}, 4},
+      {"c.jpg", {"tif", "jpg", "bmp"}, 3},
+      {"c.exr", {"tif", "dpx", "png"}, 4},
+  };
+  for (const Case& c : cases) {
+    for (const char* ext : c.outs) {
+      const std::string out = dir / (std::string(c.in) + "." + ext);
+      ExpectRun({"render", dir / c.in, out, "--distortion", "-20"});
+      const Image o = ReadImage(out);
+      EXPECT_EQ(o.width, 48) << out;
+      EXPECT_EQ(o.height, 30) << out;
+      EXPECT_EQ(o.channels, c.channels) << out;
+    }
+  }
+}
+
 TEST(RenderWindow, PlacesTheRequestedRectangleAndClearsWhatLiesOutsideTheFrame) {
   ScratchDir dir;
   const auto px = NoiseBytes(50 * 40 * 4, 21);
