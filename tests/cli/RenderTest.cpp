@@ -97,7 +97,7 @@ TEST(RenderLayout, RgbStaysRgbUnlessAlphaIsAskedFor) {
   EXPECT_EQ(out.channels, 3);
   EXPECT_EQ(out.raw, px);
 
-  ExpectRun({"render", dir / "rgb.png", dir / "rgba_out.png", "--filter", "nearest", "--alpha"});
+  ExpectRun({"render", dir / "rgb.png", dir / "rgba_out.png", "--filter", "nearest", "--add-alpha"});
   out = ReadImage(dir / "rgba_out.png");
   ASSERT_EQ(out.channels, 4);
   for (size_t p = 0; p < px.size() / 3; ++p) {
@@ -225,7 +225,11 @@ TEST(RenderFailures, LeaveNoOutputAndSayWhyOnOneLine) {
     const char* mentions;
   };
   const Case cases[] = {
-      {{"render", dir / "five.tif", dir / "out.tif"}, 2, "5 channels"},
+      {{"render", dir / "five.tif", dir / "out.png"}, 2, "at most 4 channels"},
+      {{"render", dir / "in.png", dir / "out.png", "--alpha", "Z"}, 2, "R, G, B, A"},
+      {{"render", dir / "in.png", dir / "out.png", "-d", "half"}, 2, "cannot hold half"},
+      {{"render", dir / "in.png", dir / "out.exr", "--compression", "lzw"}, 1, "piz"},
+      {{"render", dir / "in.png", dir / "out.png", "--mode", "apply", "--fit"}, 1, "--fit"},
       {{"render", dir / "missing.png", dir / "out.png"}, 2, "missing.png"},
       {{"render", dir / "junk.png", dir / "out.png"}, 2, "junk.png"},
       {{"render", dir / "in.png", dir / "no/such/dir/out.png"}, 2, "out.png"},
