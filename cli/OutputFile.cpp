@@ -30,7 +30,7 @@ struct FormatTypes {
 const std::vector<FormatTypes>& KnownFormats() {
   static const std::vector<FormatTypes> kFormats = {
       {"openexr", {TypeDesc::HALF, TypeDesc::FLOAT}},
-      {"tiff", {TypeDesc::UINT8, TypeDesc::UINT16, TypeDesc::HALF, TypeDesc::FLOAT}},
+      {"tiff", {TypeDesc::UINT8, TypeDesc::UINT16, TypeDesc::FLOAT}},
       {"dpx", {TypeDesc::UINT8, TypeDesc::UINT16, TypeDesc::FLOAT}},
       {"png", {TypeDesc::UINT8, TypeDesc::UINT16}},
       {"sgi", {TypeDesc::UINT8, TypeDesc::UINT16}},
