@@ -162,6 +162,73 @@ void CheckPngChunks(const std::string& path) {
   }
 }
 
+uint64_t FileSize(std::ifstream& in) {
+  in.seekg(0, std::ios::end);
+  const std::streamoff size = in.tellg();
+  in.seekg(0);
+  return size > 0 ? static_cast<uint64_t>(size) : 0;
+}
+
+// Reads an unsigned integer of `bytes` bytes at `offset`, in the file's byte order.
+bool ReadUint(std::ifstream& in, uint64_t offset, int bytes, bool bigEndian, uint64_t* value) {
+  unsigned char b[8];
+  in.clear();
+  in.seekg(static_cast<std::streamoff>(offset));
+  if (!in.read(reinterpret_cast<char*>(b), bytes)) return false;
+  *value = 0;
+  for (int i = 0; i < bytes; ++i) {
+    *value |= uint64_t{b[bigEndian ? i : bytes - 1 - i]} << (8 * (bytes - 1 - i));
+  }
+  return true;
+}
+
+// The DPX and TIFF readers of OpenImageIO 2.4 do not always notice pixel data cut short (the
+// missing rows come back 0). The headers say how long the file must be: a DPX records its
+// total size; a TIFF the offset and length of every strip or tile of its first image.
+void CheckDeclaredLength(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  unsigned char magic[4];
+  if (!in.read(reinterpret_cast<char*>(magic), 4)) return;
+  const uint64_t size = FileSize(in);
+  auto refuse = [&](uint64_t declared) {
+    throw IoError(path + ": truncated file (" + std::to_string(size) + " bytes; its header " +
+                  "declares " + std::to_string(declared) + ")");
+  };
+  if (std::memcmp(magic, "SDPX", 4) == 0 || std::memcmp(magic, "XPDS", 4) == 0) {
+    uint64_t declared = 0;
+    if (ReadUint(in, 16, 4, magic[0] == 'S', &declared) && declared > size) refuse(declared);
+    return;
+  }
+  const bool big = std::memcmp(magic, "MM\0*", 4) == 0;
+  if (!big && std::memcmp(magic, "II*\0", 4) != 0) return;  // not TIFF (or BigTIFF)
+  uint64_t ifd = 0, entries = 0;
+  if (!ReadUint(in, 4, 4, big, &ifd) || !ReadUint(in, ifd, 2, big, &entries)) return;
+  std::vector<uint64_t> offsets, counts;
+  for (uint64_t e = 0; e < entries; ++e) {
+    const uint64_t at = ifd + 2 + 12 * e;
+    uint64_t tag = 0, type = 0, count = 0;
+    if (!ReadUint(in, at, 2, big, &tag) || !ReadUint(in, at + 2, 2, big, &type) ||
+        !ReadUint(in, at + 4, 4, big, &count)) {
+      return;
+    }
+    if (tag != 273 && tag != 279 && tag != 324 && tag != 325) continue;
+    const int width = type == 3 ? 2 : type == 4 ? 4 : 0;  // SHORT or LONG
+    if (width == 0 || count == 0 || count > (1u << 24)) return;
+    uint64_t values = at + 8;
+    if (count * width > 4 && !ReadUint(in, at + 8, 4, big, &values)) return;
+    std::vector<uint64_t>& list = (tag == 273 || tag == 324) ? offsets : counts;
+    for (uint64_t i = 0; i < count; ++i) {
+      uint64_t v = 0;
+      if (!ReadUint(in, values + i * width, width, big, &v)) return;
+      list.push_back(v);
+    }
+  }
+  if (offsets.empty() || offsets.size() != counts.size()) return;
+  uint64_t end = 0;
+  for (size_t i = 0; i < offsets.size(); ++i) end = std::max(end, offsets[i] + counts[i]);
+  if (end > size) refuse(end);
+}
+
 }  // namespace
 
 std::string FileError(const std::string& path, const std::string& why) {
@@ -226,6 +293,7 @@ InputImage OpenInputImage(const std::string& path, const std::string& alpha) {
   image.path = path;
   CheckRegularFile(path);
   CheckPngChunks(path);
+  CheckDeclaredLength(path);
   // Keep unassociated alpha as it is stored: values pass through unchanged.
   OIIO::ImageSpec config;
   config.attribute("oiio:UnassociatedAlpha", 1);
