@@ -7,6 +7,7 @@
 #include <climits>
 #include <cstdio>
 #include <new>
+#include <optional>
 
 #include "AtomicFile.h"
 #include "Chart.h"
@@ -24,12 +25,25 @@ namespace veltrisca {
 using hostsim::Depth;
 
 int RunInfo(const InfoCommand& command, const std::string& plugin, std::ostream& out) {
-  const LensSettings settings = ParseLensOptions(command.lens);
-  const ImageSize layer = ParseSize("--size", command.size);
+  LensSettings settings = ParseLensOptions(command.lens);
+  ImageSize layer = ParseSize("--size", command.size);
+  std::optional<ImageSize> other;
+  if (!command.image.empty()) {
+    // The frame, the overscan and the pixel aspect of an image file, as render reads them.
+    const InputImage image = OpenInputImage(command.image, "");
+    const InputFrame frame = PlaceInput(settings.mode, image.dataWindow, image.displayWindow);
+    layer = frame.frame;
+    other = frame.other;
+    const float fileAspect = image.spec.get_float_attribute("PixelAspectRatio", 0.0f);
+    if (!settings.pixelAspectGiven && fileAspect >= kPixelAspectRange.min &&
+        fileAspect <= kPixelAspectRange.max) {
+      settings.pixelAspect = fileAspect;
+    }
+  }
   const PF_LRect request = command.request.empty()
                                ? PF_LRect{0, 0, layer.width, layer.height}
                                : ParseRect("--request", command.request);
-  const LensSizes sizes = ResolveSizes(settings, layer);
+  const LensSizes sizes = ResolveSizes(settings, layer, other);
   const long long pixels = static_cast<long long>(layer.width) * layer.height;
   CheckMemory(WorldBytes(pixels, Depth::k8), AvailableMemoryBytes(),
               "a " + command.size + " input layer");
@@ -44,6 +58,15 @@ int RunInfo(const InfoCommand& command, const std::string& plugin, std::ostream&
   info.layer = layer;
   info.back = session.PreRender(request);
   session.Finish();
+  info.image = command.image;
+  info.fitSize = FitUndistortedSize(settings, sizes.distorted);
+  const DefaultWindow distorted =
+      ApplyWindow(info.back.lens.pixOffsetX, info.back.lens.pixOffsetY, sizes.distorted);
+  info.beyondInvertible = UnreachableFraction(
+      info.back.lens, settings.mode,
+      settings.mode == kModeApply ? distorted.rect
+                                  : PF_LRect{0, 0, sizes.distorted.width, sizes.distorted.height},
+      UndoableRadius(settings, info.back.lens));
 
   if (command.json) {
     WriteInfoJson(out, info, command.table);
@@ -378,7 +401,11 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
   CLI::App* infoApp = app.add_subcommand(
       "info", "Run the effect's setup and one smart pre-render, and print what it computed");
   AddLensOptions(infoApp, &info.lens);
-  infoApp->add_option("--size", info.size, "input layer size")->type_name("WxH")->capture_default_str();
+  infoApp->add_option("IMAGE", info.image,
+                      "an image file: the layer's size, frame and pixel aspect come from it");
+  infoApp->add_option("--size", info.size, "input layer size (without IMAGE)")
+      ->type_name("WxH")
+      ->capture_default_str();
   infoApp->add_option("--request", info.request,
                       "output rectangle requested, layer pixels (default 0,0,W,H); "
                       "write --request=L,T,R,B when L is negative")

@@ -14,6 +14,7 @@ constexpr const char* kToolVersion = "1.2";
 
 struct InfoCommand {
   LensOptionText lens;
+  std::string image;  // empty: a layer of --size
   std::string size = "1920x1080";
   std::string request;  // empty: the whole layer
   bool json = false;
