@@ -14,6 +14,7 @@ constexpr const char* kToolVersion = "1.2";
 
 struct InfoCommand {
   LensOptionText lens;
+  std::string image;  // empty: a layer of --size
   std::string size = "1920x1080";
   std::string request;  // empty: the whole layer
   bool json = false;
@@ -26,7 +27,13 @@ struct RenderCommand {
   std::string output;
   std::string threads = "0";
   std::string window;  // empty: the default window of the mode
-  bool alpha = false;
+  std::string alpha;   // channel name, "none", or empty: the file's own alpha
+  bool addAlpha = false;
+  std::string dataType;     // -d
+  std::string compression;  // --compression
+  bool fit = false;         // remove: the smallest undistorted size holding the plate
+  bool verbose = false;     // -v
+  bool quiet = false;       // -q
 };
 
 struct ChartCommand {
@@ -35,10 +42,11 @@ struct ChartCommand {
   std::string depth;  // empty: from the extension
 };
 
-// Each returns the exit code; failures are thrown as CliError. `note` receives remarks for
-// stderr that do not stop the command.
+// Each returns the exit code; failures are thrown as CliError. `note` receives remarks and
+// warnings for stderr that do not stop the command; `out` the -v report.
 int RunInfo(const InfoCommand& command, const std::string& plugin, std::ostream& out);
-int RunRender(const RenderCommand& command, const std::string& plugin, std::ostream& note);
+int RunRender(const RenderCommand& command, const std::string& plugin, std::ostream& out,
+              std::ostream& note);
 int RunChart(const ChartCommand& command);
 
 // Parses the command line (args without the program name) and runs the command; prints

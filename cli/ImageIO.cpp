@@ -5,6 +5,7 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -42,52 +43,50 @@ OIIO::TypeDesc BufferType(Depth depth) {
 
 int SampleBytes(Depth depth) { return depth == Depth::k8 ? 1 : depth == Depth::k16 ? 2 : 4; }
 
-// File channel indices of red, green, blue (all the grey channel for grey images) and alpha.
-struct ChannelMap {
-  int colour[3];
-  int alpha;  // -1: none
-};
-
-ChannelMap MapChannels(int channels, bool grey, int alphaIndex) {
-  int colours[3] = {0, 0, 0};
-  int found = 0;
-  for (int c = 0; c < channels && found < 3; ++c) {
-    if (c != alphaIndex) colours[found++] = c;
-  }
-  ChannelMap m{{colours[0], colours[1], colours[2]}, alphaIndex};
-  if (grey) m.colour[1] = m.colour[2] = colours[0];
-  return m;
-}
-
 template <typename T>
 T OpaqueValue(Depth depth) {
   return depth == Depth::k8 ? T(255) : depth == Depth::k16 ? T(PF_MAX_CHAN16) : T(1);
 }
 
-// File buffer row -> host world row (alpha, red, green, blue).
+// The file channels of one pass: alpha (-1: opaque) and up to three colour channels (-1:
+// an empty slot, 0).
+struct PassChannels {
+  int alpha;
+  int colour[3];
+};
+
+PassChannels ChannelsOfPass(const InputImage& image, int pass) {
+  PassChannels p{image.alphaIndex, {-1, -1, -1}};
+  for (int s = 0; s < 3; ++s) {
+    const size_t i = static_cast<size_t>(pass) * 3 + s;
+    if (i < image.colour.size()) p.colour[s] = image.colour[i];
+  }
+  return p;
+}
+
+// Interleaved buffer row -> host world row (alpha, red, green, blue).
 template <typename FileT, typename HostT, typename Convert>
-void ToWorldRow(const FileT* in, int width, int channels, const ChannelMap& map, HostT opaque,
+void ToWorldRow(const FileT* in, int width, int channels, const PassChannels& p, HostT opaque,
                 Convert convert, HostT* out) {
   for (int x = 0; x < width; ++x, in += channels, out += 4) {
-    out[0] = map.alpha >= 0 ? convert(in[map.alpha]) : opaque;
-    out[1] = convert(in[map.colour[0]]);
-    out[2] = convert(in[map.colour[1]]);
-    out[3] = convert(in[map.colour[2]]);
+    out[0] = p.alpha >= 0 ? convert(in[p.alpha]) : opaque;
+    for (int s = 0; s < 3; ++s) out[1 + s] = p.colour[s] >= 0 ? convert(in[p.colour[s]]) : HostT(0);
   }
 }
 
-// Host world row -> output buffer row: colour channels (one for grey, from red), then alpha.
+// Host world row -> output buffer row: the pass's colour channels, and alpha on pass 0.
 template <typename HostT, typename FileT, typename Convert>
-void FromWorldRow(const HostT* in, int width, const OutputLayout& layout, Convert convert,
-                  FileT* out) {
-  const int colours = layout.grey ? 1 : 3;
-  for (int x = 0; x < width; ++x, in += 4, out += layout.channels) {
-    for (int c = 0; c < colours; ++c) out[c] = convert(in[1 + c]);
-    if (layout.alpha) out[colours] = convert(in[0]);
+void FromWorldRow(const HostT* in, int width, int channels, const PassChannels& p,
+                  int alphaOut, Convert convert, FileT* out) {
+  for (int x = 0; x < width; ++x, in += 4, out += channels) {
+    for (int s = 0; s < 3; ++s) {
+      if (p.colour[s] >= 0) out[p.colour[s]] = convert(in[1 + s]);
+    }
+    if (alphaOut >= 0) out[alphaOut] = convert(in[0]);
   }
 }
 
-std::string ReaderError(const std::string& path, const std::string& why) {
+std::string FileErrorText(const std::string& path, const std::string& why) {
   std::string reason = why;
   while (!reason.empty() && (reason.back() == '\n' || reason.back() == ' ')) reason.pop_back();
   const size_t newline = reason.find('\n');
@@ -163,40 +162,175 @@ void CheckPngChunks(const std::string& path) {
   }
 }
 
+uint64_t FileSize(std::ifstream& in) {
+  in.seekg(0, std::ios::end);
+  const std::streamoff size = in.tellg();
+  in.seekg(0);
+  return size > 0 ? static_cast<uint64_t>(size) : 0;
+}
+
+// Reads an unsigned integer of `bytes` bytes at `offset`, in the file's byte order.
+bool ReadUint(std::ifstream& in, uint64_t offset, int bytes, bool bigEndian, uint64_t* value) {
+  unsigned char b[8];
+  in.clear();
+  in.seekg(static_cast<std::streamoff>(offset));
+  if (!in.read(reinterpret_cast<char*>(b), bytes)) return false;
+  *value = 0;
+  for (int i = 0; i < bytes; ++i) {
+    *value |= uint64_t{b[bigEndian ? i : bytes - 1 - i]} << (8 * (bytes - 1 - i));
+  }
+  return true;
+}
+
+// The DPX and TIFF readers of OpenImageIO 2.4 do not always notice pixel data cut short (the
+// missing rows come back 0). The headers say how long the file must be: a DPX records its
+// total size; a TIFF the offset and length of every strip or tile of its first image.
+void CheckDeclaredLength(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  unsigned char magic[4];
+  if (!in.read(reinterpret_cast<char*>(magic), 4)) return;
+  const uint64_t size = FileSize(in);
+  auto refuse = [&](uint64_t declared) {
+    throw IoError(path + ": truncated file (" + std::to_string(size) + " bytes; its header " +
+                  "declares " + std::to_string(declared) + ")");
+  };
+  if (std::memcmp(magic, "SDPX", 4) == 0 || std::memcmp(magic, "XPDS", 4) == 0) {
+    uint64_t declared = 0;
+    if (ReadUint(in, 16, 4, magic[0] == 'S', &declared) && declared > size) refuse(declared);
+    return;
+  }
+  const bool big = std::memcmp(magic, "MM\0*", 4) == 0;
+  if (!big && std::memcmp(magic, "II*\0", 4) != 0) return;  // not TIFF (or BigTIFF)
+  uint64_t ifd = 0, entries = 0;
+  if (!ReadUint(in, 4, 4, big, &ifd) || !ReadUint(in, ifd, 2, big, &entries)) return;
+  std::vector<uint64_t> offsets, counts;
+  for (uint64_t e = 0; e < entries; ++e) {
+    const uint64_t at = ifd + 2 + 12 * e;
+    uint64_t tag = 0, type = 0, count = 0;
+    if (!ReadUint(in, at, 2, big, &tag) || !ReadUint(in, at + 2, 2, big, &type) ||
+        !ReadUint(in, at + 4, 4, big, &count)) {
+      return;
+    }
+    if (tag != 273 && tag != 279 && tag != 324 && tag != 325) continue;
+    const int width = type == 3 ? 2 : type == 4 ? 4 : 0;  // SHORT or LONG
+    if (width == 0 || count == 0 || count > (1u << 24)) return;
+    uint64_t values = at + 8;
+    if (count * width > 4 && !ReadUint(in, at + 8, 4, big, &values)) return;
+    std::vector<uint64_t>& list = (tag == 273 || tag == 324) ? offsets : counts;
+    for (uint64_t i = 0; i < count; ++i) {
+      uint64_t v = 0;
+      if (!ReadUint(in, values + i * width, width, big, &v)) return;
+      list.push_back(v);
+    }
+  }
+  if (offsets.empty() || offsets.size() != counts.size()) return;
+  uint64_t end = 0;
+  for (size_t i = 0; i < offsets.size(); ++i) end = std::max(end, offsets[i] + counts[i]);
+  if (end > size) refuse(end);
+}
+
 }  // namespace
 
-InputImage OpenInputImage(const std::string& path) {
+std::string FileError(const std::string& path, const std::string& why) {
+  return FileErrorText(path, why);
+}
+
+namespace {
+
+std::string Lower(std::string s) {
+  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return s;
+}
+
+// The alpha channel: --alpha NAME, "none", or the file's own (OpenImageIO's alpha_channel,
+// else a channel named A or alpha, in any case).
+int FindAlpha(const OIIO::ImageSpec& s, const std::string& path, const std::string& option) {
+  if (Lower(option) == "none") return -1;
+  if (!option.empty()) {
+    for (int c = 0; c < s.nchannels; ++c) {
+      if (s.channel_name(c) == option) return c;
+    }
+    std::string names;
+    for (int c = 0; c < s.nchannels; ++c) {
+      names += (c ? ", " : "") + std::string(s.channel_name(c));
+    }
+    throw IoError(path + ": --alpha " + option + " names no channel (the channels are " + names +
+                  ")");
+  }
+  if (s.alpha_channel >= 0 && s.alpha_channel < s.nchannels) return s.alpha_channel;
+  for (int c = 0; c < s.nchannels; ++c) {
+    const std::string n = Lower(std::string(s.channel_name(c)));
+    if (n == "a" || n == "alpha") return c;
+  }
+  return -1;
+}
+
+// A file of several parts (subimages) would lose all but the first: refused, naming them.
+void RefuseSeveralParts(OIIO::ImageInput& reader, const std::string& path) {
+  std::vector<std::string> parts;
+  for (int i = 0; reader.seek_subimage(i, 0); ++i) {
+    const OIIO::ImageSpec& s = reader.spec();
+    std::string name = s.get_string_attribute("name");
+    if (name.empty()) name = "#" + std::to_string(i);
+    parts.push_back(name + " (" + std::to_string(s.nchannels) + " channels)");
+  }
+  reader.geterror();
+  if (parts.size() <= 1) {
+    reader.seek_subimage(0, 0);
+    return;
+  }
+  std::string list;
+  for (size_t i = 0; i < parts.size(); ++i) list += (i ? ", " : "") + parts[i];
+  throw IoError(path + ": " + std::to_string(parts.size()) + " parts (" + list +
+                "); veltrisca renders one-part images: extract a part first, e.g. oiiotool " +
+                path + " --subimage NAME -o part.exr");
+}
+
+}  // namespace
+
+InputImage OpenInputImage(const std::string& path, const std::string& alpha) {
   InputImage image;
   image.path = path;
   CheckRegularFile(path);
   CheckPngChunks(path);
+  CheckDeclaredLength(path);
   // Keep unassociated alpha as it is stored: values pass through unchanged.
   OIIO::ImageSpec config;
   config.attribute("oiio:UnassociatedAlpha", 1);
   image.reader = OIIO::ImageInput::open(path, &config);
-  if (!image.reader) throw IoError(ReaderError(path, OIIO::geterror()));
+  if (!image.reader) throw IoError(FileErrorText(path, OIIO::geterror()));
+  RefuseSeveralParts(*image.reader, path);
+  image.format = image.reader->format_name();
   image.spec = image.reader->spec();
   const OIIO::ImageSpec& s = image.spec;
-  if (s.width < 1 || s.height < 1 || s.depth > 1) {
+  if (s.width < 1 || s.height < 1 || s.depth > 1 || s.nchannels < 1) {
     throw IoError(path + ": unsupported image geometry " + std::to_string(s.width) + "x" +
-                  std::to_string(s.height) + "x" + std::to_string(s.depth));
+                  std::to_string(s.height) + "x" + std::to_string(s.depth) + " with " +
+                  std::to_string(s.nchannels) + " channels");
   }
   image.channels = s.nchannels;
-  if (image.channels < 1 || image.channels > 4) {
-    throw IoError(path + ": " + std::to_string(image.channels) +
-                  " channels; veltrisca reads 1 (grey), 2 (grey and alpha), 3 (RGB) or 4 (RGBA)");
+  image.alphaIndex = FindAlpha(s, path, alpha);
+  for (int c = 0; c < image.channels; ++c) {
+    if (c != image.alphaIndex) image.colour.push_back(c);
   }
-  image.grey = image.channels <= 2;
-  if (image.channels == 2 || image.channels == 4) {
-    const int a = s.alpha_channel;
-    image.alphaIndex = (a >= 0 && a < image.channels) ? a : image.channels - 1;
-  }
-  switch (s.format.basetype) {
+  image.dataWindow = PF_LRect{s.x, s.y, s.x + s.width, s.y + s.height};
+  image.displayWindow = (s.full_width > 0 && s.full_height > 0)
+                            ? PF_LRect{s.full_x, s.full_y, s.full_x + s.full_width,
+                                       s.full_y + s.full_height}
+                            : image.dataWindow;
+  // Channels of different types travel as float, the type that holds them all.
+  bool mixed = false;
+  for (const OIIO::TypeDesc& t : s.channelformats) mixed |= (t != s.channelformats.front());
+  switch (mixed ? static_cast<int>(OIIO::TypeDesc::FLOAT) : static_cast<int>(s.format.basetype)) {
     case OIIO::TypeDesc::UINT8: image.depth = Depth::k8; break;
     case OIIO::TypeDesc::UINT16: image.depth = Depth::k16; break;
     default: image.depth = Depth::kFloat; break;  // half, float and every other type
   }
   return image;
+}
+
+int PassCount(const InputImage& image) {
+  return std::max<int>(1, static_cast<int>((image.colour.size() + 2) / 3));
 }
 
 uint64_t FileBufferBytes(long long pixels, int channels, Depth depth) {
@@ -209,153 +343,136 @@ uint64_t WorldBytes(long long pixels, Depth depth) {
          static_cast<uint64_t>(hostsim::PixelBytes(depth));
 }
 
-std::unique_ptr<World> ReadLayer(InputImage& image) {
-  const int w = image.spec.width, h = image.spec.height, n = image.channels;
-  const size_t rowSamples = static_cast<size_t>(w) * n;
-  std::vector<uint8_t> buffer(rowSamples * h * SampleBytes(image.depth));
+PixelBuffer ReadPixels(InputImage& image) {
+  PixelBuffer px;
+  px.width = image.spec.width;
+  px.height = image.spec.height;
+  px.channels = image.channels;
+  px.depth = image.depth;
+  px.bytes.resize(FileBufferBytes(static_cast<long long>(px.width) * px.height, px.channels,
+                                  px.depth));
   // OpenImageIO 2.4's TIFF reader can record a failed strip (a cut-off or damaged file) and
   // still report success with the strip left 0, and its JPEG reader reports a cut-off file
   // only that way: an error recorded while reading is a failed read. (Whatever opening left
   // behind is dropped first.)
   image.reader->geterror();
-  const bool read = image.reader->read_image(0, 0, 0, n, BufferType(image.depth), buffer.data());
+  const bool read = image.reader->read_image(0, 0, 0, px.channels, BufferType(px.depth),
+                                             px.bytes.data());
   const std::string readError = image.reader->geterror();
-  if (!read || !readError.empty()) throw IoError(ReaderError(image.path, readError));
+  if (!read || !readError.empty()) throw IoError(FileErrorText(image.path, readError));
   image.reader->close();
-  auto layer = std::make_unique<World>(image.depth, w, h);
-  const ChannelMap map = MapChannels(n, image.grey, image.alphaIndex);
+  return px;
+}
+
+std::unique_ptr<World> PassLayer(const InputImage& image, const PixelBuffer& px, int pass,
+                                 int originX, int originY) {
+  const int w = px.width, h = px.height, n = px.channels;
+  auto layer = std::make_unique<World>(px.depth, w, h, originX, originY);
+  const PassChannels p = ChannelsOfPass(image, pass);
+  const size_t rowSamples = static_cast<size_t>(w) * n;
   for (int y = 0; y < h; ++y) {
-    switch (image.depth) {
-      case Depth::k8: {
-        const uint8_t* in = buffer.data() + rowSamples * y;
-        ToWorldRow(in, w, n, map, OpaqueValue<uint8_t>(Depth::k8), [](uint8_t v) { return v; },
-                   reinterpret_cast<uint8_t*>(layer->Row(y)));
+    switch (px.depth) {
+      case Depth::k8:
+        ToWorldRow(px.bytes.data() + rowSamples * y, w, n, p, OpaqueValue<uint8_t>(Depth::k8),
+                   [](uint8_t v) { return v; }, reinterpret_cast<uint8_t*>(layer->Row(y)));
         break;
-      }
-      case Depth::k16: {
-        const uint16_t* in = reinterpret_cast<const uint16_t*>(buffer.data()) + rowSamples * y;
-        ToWorldRow(in, w, n, map, OpaqueValue<uint16_t>(Depth::k16), FileToHost16,
+      case Depth::k16:
+        ToWorldRow(reinterpret_cast<const uint16_t*>(px.bytes.data()) + rowSamples * y, w, n, p,
+                   OpaqueValue<uint16_t>(Depth::k16), FileToHost16,
                    reinterpret_cast<uint16_t*>(layer->Row(y)));
         break;
-      }
-      case Depth::kFloat: {
-        const float* in = reinterpret_cast<const float*>(buffer.data()) + rowSamples * y;
-        ToWorldRow(in, w, n, map, OpaqueValue<float>(Depth::kFloat), [](float v) { return v; },
+      case Depth::kFloat:
+        ToWorldRow(reinterpret_cast<const float*>(px.bytes.data()) + rowSamples * y, w, n, p,
+                   OpaqueValue<float>(Depth::kFloat), [](float v) { return v; },
                    reinterpret_cast<float*>(layer->Row(y)));
         break;
-      }
     }
   }
   return layer;
 }
 
-OutputLayout ChooseOutputLayout(const InputImage& input, bool forceAlpha) {
+OutputLayout ChooseOutputLayout(const InputImage& input, bool addAlpha) {
   OutputLayout layout;
-  layout.grey = input.grey;
-  layout.alpha = forceAlpha || input.alphaIndex >= 0;
-  layout.channels = (layout.grey ? 1 : 3) + (layout.alpha ? 1 : 0);
+  for (int c = 0; c < input.channels; ++c) {
+    layout.names.emplace_back(input.spec.channel_name(c));
+  }
+  layout.alphaIndex = input.alphaIndex;
+  if (addAlpha && input.alphaIndex < 0) {
+    layout.addedAlpha = true;
+    layout.alphaIndex = input.channels;
+    layout.names.push_back("A");
+  }
+  layout.channels = static_cast<int>(layout.names.size());
   return layout;
 }
 
 void CheckWritable(const std::string& path, const OutputLayout& layout) {
   auto out = OIIO::ImageOutput::create(path);
-  if (!out) throw IoError(ReaderError(path, OIIO::geterror()));
-  if (layout.alpha && !out->supports("alpha")) {
-    throw IoError(path + ": " + out->format_name() +
-                  " files cannot hold an alpha channel (the input has one, or --alpha was given)");
+  if (!out) throw IoError(FileErrorText(path, OIIO::geterror()));
+  const std::string format = out->format_name();
+  if (layout.alphaIndex >= 0 && !out->supports("alpha")) {
+    throw IoError(path + ": " + format + " files cannot hold an alpha channel (the input has " +
+                  "one, or --add-alpha was given; --alpha none renders it as a colour channel)");
+  }
+  // Writers that take any channel count say so; the others hold grey, grey and alpha, RGB or
+  // RGBA (JPEG and Radiance no alpha).
+  const int most = out->supports("alpha") ? 4 : 3;
+  if (!out->supports("nchannels") && layout.channels > most) {
+    throw IoError(path + ": " + format + " files hold at most " + std::to_string(most) +
+                  " channels, the output has " + std::to_string(layout.channels) +
+                  "; write OpenEXR or TIFF instead");
   }
 }
 
-namespace {
-
-OIIO::ImageSpec OutputSpec(const InputImage& input, const OutputLayout& layout, int width,
-                           int height, const char* formatName) {
-  OIIO::ImageSpec spec = input.spec;  // sample format and metadata
-  spec.x = spec.y = spec.z = 0;
-  spec.width = width;
-  spec.height = height;
-  spec.depth = 1;
-  spec.full_x = spec.full_y = spec.full_z = 0;
-  spec.full_width = width;
-  spec.full_height = height;
-  spec.full_depth = 1;
-  spec.channelformats.clear();
-  // Channel names: the input's own when the layout is the same, else the usual ones.
-  std::vector<std::string> names;
-  if (layout.channels == input.channels) {
-    for (int c = 0; c < input.channels; ++c) {
-      if (c != input.alphaIndex) names.push_back(input.spec.channelnames[c]);
-    }
-    if (input.alphaIndex >= 0) names.push_back(input.spec.channelnames[input.alphaIndex]);
-  } else if (layout.grey) {
-    names = {input.spec.channelnames.empty() ? std::string("Y") : input.spec.channelnames[0]};
-    if (layout.alpha) names.push_back("A");
-  } else {
-    names = {"R", "G", "B"};
-    if (layout.alpha) names.push_back("A");
-  }
-  spec.nchannels = layout.channels;
-  spec.channelnames = names;
-  spec.alpha_channel = layout.alpha ? layout.channels - 1 : -1;
-  spec.z_channel = -1;
-  spec.erase_attribute("Exif:PixelXDimension");
-  spec.erase_attribute("Exif:PixelYDimension");
-  // Colour values are written as they are: only TIFF records how alpha relates to colour,
-  // and keeps what the input said; every other writer must not un-premultiply.
-  if (std::strcmp(formatName, "tiff") != 0) spec.attribute("oiio:UnassociatedAlpha", 1);
-  return spec;
+PixelBuffer NewOutputBuffer(const InputImage& input, const OutputLayout& layout,
+                            const PF_LRect& window) {
+  PixelBuffer out;
+  out.width = window.right - window.left;
+  out.height = window.bottom - window.top;
+  out.channels = layout.channels;
+  out.depth = input.depth;
+  out.bytes.assign(FileBufferBytes(static_cast<long long>(out.width) * out.height, out.channels,
+                                   out.depth),
+                   0);
+  return out;
 }
 
-}  // namespace
-
-void WriteRenderedImage(const std::string& path, const std::string& shownPath,
-                        const InputImage& input, const OutputLayout& layout,
-                        const World* rendered, const PF_LRect& window) {
-  const int outW = window.right - window.left, outH = window.bottom - window.top;
-  const Depth depth = input.depth;
-  const size_t rowSamples = static_cast<size_t>(outW) * layout.channels;
-  std::vector<uint8_t> buffer(rowSamples * outH * SampleBytes(depth), 0);
-
-  if (rendered && rendered->width() > 0 && rendered->height() > 0) {
-    // The part of the window that the effect rendered, in layer coordinates.
-    const long long x0 = std::max<long long>(window.left, rendered->originX());
-    const long long y0 = std::max<long long>(window.top, rendered->originY());
-    const long long x1 = std::min<long long>(window.right,
-                                             static_cast<long long>(rendered->originX()) +
-                                                 rendered->width());
-    const long long y1 = std::min<long long>(window.bottom,
-                                             static_cast<long long>(rendered->originY()) +
-                                                 rendered->height());
-    for (long long y = y0; y < y1 && x0 < x1; ++y) {
-      const int wy = static_cast<int>(y - rendered->originY());
-      const int wx = static_cast<int>(x0 - rendered->originX());
-      const size_t outRow = static_cast<size_t>(y - window.top);
-      const size_t outCol = static_cast<size_t>(x0 - window.left) * layout.channels;
-      const int n = static_cast<int>(x1 - x0);
-      switch (depth) {
-        case Depth::k8:
-          FromWorldRow(reinterpret_cast<const uint8_t*>(rendered->Pixel8(wx, wy)), n, layout,
-                       [](uint8_t v) { return v; },
-                       buffer.data() + outRow * rowSamples + outCol);
-          break;
-        case Depth::k16:
-          FromWorldRow(reinterpret_cast<const uint16_t*>(rendered->Pixel16(wx, wy)), n, layout,
-                       HostToFile16,
-                       reinterpret_cast<uint16_t*>(buffer.data()) + outRow * rowSamples + outCol);
-          break;
-        case Depth::kFloat:
-          FromWorldRow(reinterpret_cast<const float*>(rendered->PixelF(wx, wy)), n, layout,
-                       [](float v) { return v; },
-                       reinterpret_cast<float*>(buffer.data()) + outRow * rowSamples + outCol);
-          break;
-      }
+void StorePass(const InputImage& input, const OutputLayout& layout, int pass,
+               const World* rendered, const PF_LRect& window, PixelBuffer* out) {
+  if (!rendered || rendered->width() <= 0 || rendered->height() <= 0) return;
+  const PassChannels p = ChannelsOfPass(input, pass);
+  const int alphaOut = pass == 0 ? layout.alphaIndex : -1;
+  // The part of the window that the effect rendered, in layer coordinates.
+  const long long x0 = std::max<long long>(window.left, rendered->originX());
+  const long long y0 = std::max<long long>(window.top, rendered->originY());
+  const long long x1 = std::min<long long>(
+      window.right, static_cast<long long>(rendered->originX()) + rendered->width());
+  const long long y1 = std::min<long long>(
+      window.bottom, static_cast<long long>(rendered->originY()) + rendered->height());
+  const int n = out->channels;
+  const size_t rowSamples = static_cast<size_t>(out->width) * n;
+  for (long long y = y0; y < y1 && x0 < x1; ++y) {
+    const int wy = static_cast<int>(y - rendered->originY());
+    const int wx = static_cast<int>(x0 - rendered->originX());
+    const size_t at = static_cast<size_t>(y - window.top) * rowSamples +
+                      static_cast<size_t>(x0 - window.left) * n;
+    const int count = static_cast<int>(x1 - x0);
+    switch (out->depth) {
+      case Depth::k8:
+        FromWorldRow(reinterpret_cast<const uint8_t*>(rendered->Pixel8(wx, wy)), count, n, p,
+                     alphaOut, [](uint8_t v) { return v; }, out->bytes.data() + at);
+        break;
+      case Depth::k16:
+        FromWorldRow(reinterpret_cast<const uint16_t*>(rendered->Pixel16(wx, wy)), count, n, p,
+                     alphaOut, HostToFile16, reinterpret_cast<uint16_t*>(out->bytes.data()) + at);
+        break;
+      case Depth::kFloat:
+        FromWorldRow(reinterpret_cast<const float*>(rendered->PixelF(wx, wy)), count, n, p,
+                     alphaOut, [](float v) { return v; },
+                     reinterpret_cast<float*>(out->bytes.data()) + at);
+        break;
     }
   }
-
-  auto out = OIIO::ImageOutput::create(path);
-  if (!out) throw IoError(ReaderError(shownPath, OIIO::geterror()));
-  const OIIO::ImageSpec spec = OutputSpec(input, layout, outW, outH, out->format_name());
-  WriteImageFile(std::move(out), path, shownPath, spec, BufferType(depth), buffer.data());
 }
 
 namespace {
@@ -403,23 +520,36 @@ class CheckedFileProxy final : public OIIO::Filesystem::IOFile {
 
 void WriteImageFile(std::unique_ptr<OIIO::ImageOutput> writer, const std::string& path,
                     const std::string& shownPath, const OIIO::ImageSpec& spec,
-                    OIIO::TypeDesc type, const void* pixels) {
+                    OIIO::TypeDesc type, const void* pixels, OIIO::TypeDesc* writtenType) {
   std::unique_ptr<CheckedFileProxy> proxy;
   // Declared after the proxy, so destroyed before it: a writer that failed may still write
   // through the proxy when it is destroyed (the TIFF writer does).
   const std::unique_ptr<OIIO::ImageOutput> out = std::move(writer);
-  if (out->supports("ioproxy")) {
+  // OpenImageIO 2.4's TIFF writer cannot read through a proxy, and it reads its own main
+  // directory back after writing an Exif sub-directory (which it writes for every sRGB image):
+  // through a proxy that directory came back empty and the file was left without its size
+  // fields. TIFF files are written by libtiff itself; it checks its own writes.
+  const bool useProxy = out->supports("ioproxy") && std::strcmp(out->format_name(), "tiff") != 0;
+  if (useProxy) {
     proxy = std::make_unique<CheckedFileProxy>(path);
     if (proxy->failed()) throw IoError(shownPath + ": cannot write: " + proxy->why());
     out->set_ioproxy(proxy.get());
   }
-  const bool written = out->open(path, spec) && out->write_image(type, pixels) && out->close();
+  errno = 0;
+  const bool opened = out->open(path, spec);
+  if (opened && writtenType) *writtenType = out->spec().format;
+  const bool written = opened && out->write_image(type, pixels) && out->close();
+  const int systemError = errno;
   const std::string writerError = written ? std::string() : out->geterror();
   if (proxy) proxy->close();
   // The proxy knows the system's reason (no space, file too large); the writer's own message
   // is often only a consequence of it.
   if (proxy && proxy->failed()) throw IoError(shownPath + ": cannot write: " + proxy->why());
-  if (!written) throw IoError(ReaderError(shownPath, writerError));
+  if (!written && !proxy && (systemError == EFBIG || systemError == ENOSPC ||
+                            systemError == EDQUOT || systemError == EIO)) {
+    throw IoError(shownPath + ": cannot write: " + std::strerror(systemError));
+  }
+  if (!written) throw IoError(FileErrorText(shownPath, writerError));
 }
 
 }  // namespace veltrisca

@@ -1,9 +1,15 @@
 // Image files in and out of the host's pixel layout, through OpenImageIO.
 //
 // 8-bit files travel at 8 bits, 16-bit files at 16 bits (the host's range is 0..32768), and
-// every other sample type in 32-bit float. Grey images (1 channel, or grey + alpha) are
-// expanded to RGB(A) and written back as grey; images without alpha get an opaque one. Colour
-// values pass through unchanged: nothing is premultiplied or un-premultiplied on the way.
+// every other sample type in 32-bit float. The host's pixels hold an alpha and three colour
+// slots; an image with any number of channels goes through the effect in passes, each pass
+// carrying up to three of its non-alpha channels in the colour slots and its alpha (or an
+// opaque one) in the alpha slot, so that only the alpha channel is ever treated as alpha.
+// Values pass through unchanged: nothing is premultiplied or un-premultiplied on the way.
+//
+// Windows: positions in a file are those of its data window (the pixels it holds) and display
+// window (its frame), in the file's own pixel coordinates; the layer the effect sees has its
+// origin at a point of the file chosen by the caller (see Frames.h).
 #ifndef VT_CLI_IMAGEIO_H
 #define VT_CLI_IMAGEIO_H
 
@@ -12,6 +18,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "AE_Effect.h"
 #include "hostsim/World.h"
@@ -27,49 +34,77 @@ struct InputImage {
   std::string path;
   std::unique_ptr<OIIO::ImageInput> reader;  // open on subimage 0, mip level 0
   OIIO::ImageSpec spec;
+  std::string format;  // the reader's name ("openexr", "png", ...)
   hostsim::Depth depth = hostsim::Depth::k8;
-  int channels = 0;     // 1..4
-  bool grey = false;    // 1 or 2 channels
-  int alphaIndex = -1;  // channel of alpha in the file, -1 without
+  int channels = 0;
+  int alphaIndex = -1;      // channel of alpha in the file, -1 without
+  std::vector<int> colour;  // every other channel, in file order
+  PF_LRect dataWindow{};     // file coordinates
+  PF_LRect displayWindow{};  // file coordinates; the data window for formats without one
 };
 
-// Opens a file and reads its header only; throws CliError(kExitIo) for a missing or
-// unreadable file, one that is not a regular file, a cut-off or damaged PNG (its chunks are
-// checked first), or an unsupported channel count.
-InputImage OpenInputImage(const std::string& path);
-// Reads the pixels into a new world at layer origin (0, 0); closes the file.
-std::unique_ptr<hostsim::World> ReadLayer(InputImage& image);
+// Opens a file and reads its header only. `alpha` chooses the alpha channel: empty for the
+// file's own (OpenImageIO's alpha_channel, or a channel named A or alpha), "none" for no
+// alpha, else a channel name. Throws CliError(kExitIo) for a missing or unreadable file, one
+// that is not a regular file, a cut-off or damaged PNG (its chunks are checked first), a DPX or
+// TIFF shorter than its header declares, a file of several parts (named in the message), or
+// an alpha name that is not a channel; CliError(kExitUsage) never.
+InputImage OpenInputImage(const std::string& path, const std::string& alpha);
 
-// Bytes of one interleaved file buffer and of one host world.
+// Passes through the effect: ceil(colour channels / 3), at least 1.
+int PassCount(const InputImage& image);
+
+// Every channel of the image, interleaved, in the host's sample type (8-bit, 16-bit file
+// values, or float).
+struct PixelBuffer {
+  int width = 0, height = 0, channels = 0;
+  hostsim::Depth depth = hostsim::Depth::k8;
+  std::vector<uint8_t> bytes;
+};
+// Reads the pixels; closes the file. Throws CliError(kExitIo) on a failed read.
+PixelBuffer ReadPixels(InputImage& image);
+// The host world of one pass, placed in the layer at (originX, originY).
+std::unique_ptr<hostsim::World> PassLayer(const InputImage& image, const PixelBuffer& pixels,
+                                          int pass, int originX, int originY);
+
+// Bytes of one interleaved buffer and of one host world.
 uint64_t FileBufferBytes(long long pixels, int channels, hostsim::Depth depth);
 uint64_t WorldBytes(long long pixels, hostsim::Depth depth);
 
-// The output file's layout, decided from the input before any rendering.
+// The output file's channels, decided from the input before any rendering: the input's
+// channels in their order, with an alpha channel "A" added at the end when addAlpha is set
+// and the input has none.
 struct OutputLayout {
-  int channels = 0;  // 1..4
-  bool grey = false;
-  bool alpha = false;
+  int channels = 0;
+  bool addedAlpha = false;
+  int alphaIndex = -1;
+  std::vector<std::string> names;
 };
-OutputLayout ChooseOutputLayout(const InputImage& input, bool forceAlpha);
+OutputLayout ChooseOutputLayout(const InputImage& input, bool addAlpha);
 
-// Writes `rendered` (placed in the layer at its origin; may be null) into an image of the
-// window's size, pixels outside the rendered area being 0, with the input's sample format
-// and metadata. `path` is written directly; the caller arranges atomicity. Throws
-// CliError(kExitIo).
-void WriteRenderedImage(const std::string& path, const std::string& shownPath,
-                        const InputImage& input, const OutputLayout& layout,
-                        const hostsim::World* rendered, const PF_LRect& window);
+// An empty output buffer covering `window` (layer coordinates) in the input's host type.
+PixelBuffer NewOutputBuffer(const InputImage& input, const OutputLayout& layout,
+                            const PF_LRect& window);
+// Copies the channels of one pass from `rendered` (placed in the layer at its origin; may be
+// null) into the output buffer covering `window`; the alpha slot is taken from pass 0.
+void StorePass(const InputImage& input, const OutputLayout& layout, int pass,
+               const hostsim::World* rendered, const PF_LRect& window, PixelBuffer* out);
 
 // Writes one image with `writer` (created for `path`; destroyed here) and fails
 // (CliError(kExitIo)) on any failed write, also those the format's writer overlooks;
-// `shownPath` names the file in messages.
+// `shownPath` names the file in messages. *writtenType receives the sample type the writer
+// chose for the file.
 void WriteImageFile(std::unique_ptr<OIIO::ImageOutput> writer, const std::string& path,
                     const std::string& shownPath, const OIIO::ImageSpec& spec,
-                    OIIO::TypeDesc type, const void* pixels);
+                    OIIO::TypeDesc type, const void* pixels,
+                    OIIO::TypeDesc* writtenType = nullptr);
 
 // Fails early (CliError(kExitIo)) when no writer exists for the name's extension or the
-// format cannot hold the layout's alpha channel.
+// format cannot hold the layout's channels.
 void CheckWritable(const std::string& path, const OutputLayout& layout);
+
+// Turns OpenImageIO's message into one line that names the file.
+std::string FileError(const std::string& path, const std::string& why);
 
 }  // namespace veltrisca
 

@@ -51,6 +51,9 @@ void WriteInfoJson(std::ostream& out, const InfoResult& info, bool withTable) {
   j.Rect("hostSupplied", r.supplied.result_rect);
   j.Rect("resultRect", r.output.result_rect);
   j.Rect("maxResultRectReported", r.output.max_result_rect);
+  if (!info.image.empty()) j.String("image", info.image);
+  j.IntPair("fitUndistortedSize", info.fitSize.width, info.fitSize.height);
+  j.Double("beyondInvertible", info.beyondInvertible);
   j.End();
 }
 
@@ -126,7 +129,12 @@ void WriteInfoText(std::ostream& out, const InfoResult& info) {
       << r.inputRequest.field << "\n";
   out << "  host supplied      " << RectLine(r.supplied.result_rect) << "\n";
   out << "  result_rect        " << RectLine(r.output.result_rect) << "\n";
-  out << "  max_result_rect    " << RectLine(r.output.max_result_rect) << "\n";
+  out << "  max_result_rect    " << RectLine(r.output.max_result_rect) << "\n\n";
+  if (!info.image.empty()) out << "Image                " << info.image << "\n";
+  out << "Overscan (--fit)     undistorted size " << info.fitSize.width << " x "
+      << info.fitSize.height << " holds the whole distorted frame\n";
+  out << "Beyond the inverse   " << Num(100.0 * info.beyondInvertible, 4)
+      << "% of the distorted frame lies beyond the radius the lens inverts\n";
 }
 
 }  // namespace veltrisca

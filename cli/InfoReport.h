@@ -15,11 +15,15 @@ struct InfoResult {
   std::string about;       // the effect's about text
   ImageSize layer;         // the input layer's size
   PreRenderReadBack back;  // lens record and pre-render report
+  std::string image;       // the image file the layer was read from, or empty
+  ImageSize fitSize;       // the undistorted size render --fit would choose
+  double beyondInvertible = 0;  // share of the distorted frame beyond what the lens inverts
 };
 
 // Every field of the lens record by name (the kernel pointers, which only a render sets, are
 // left out; the inverse table only when withTable), then request, inputRequest,
-// inputRequestField, hostSupplied, resultRect and maxResultRectReported.
+// inputRequestField, hostSupplied, resultRect and maxResultRectReported, then image (when
+// given), fitUndistortedSize and beyondInvertible.
 void WriteInfoJson(std::ostream& out, const InfoResult& info, bool withTable);
 void WriteInfoText(std::ostream& out, const InfoResult& info);
 

@@ -145,7 +145,10 @@ LensSettings ParseLensOptions(const LensOptionText& text) {
   s.cubic = ParseSlider("--cubic", text.cubic, kCoefficientRange);
   s.quartic = ParseSlider("--quartic", text.quartic, kCoefficientRange);
   s.zoom = ParseSlider("--zoom", text.zoom, kZoomRange);
-  s.pixelAspect = ParseSlider("--pixel-aspect", text.pixelAspect, kPixelAspectRange);
+  s.pixelAspectGiven = !text.pixelAspect.empty();
+  if (s.pixelAspectGiven) {
+    s.pixelAspect = ParseSlider("--pixel-aspect", text.pixelAspect, kPixelAspectRange);
+  }
   if (!text.distortedSize.empty()) {
     s.distortedSize = ParseSize("--distorted-size", text.distortedSize);
   }
@@ -155,7 +158,8 @@ LensSettings ParseLensOptions(const LensOptionText& text) {
   return s;
 }
 
-LensSizes ResolveSizes(const LensSettings& settings, ImageSize layer) {
+LensSizes ResolveSizes(const LensSettings& settings, ImageSize layer,
+                       std::optional<ImageSize> otherDefault) {
   const bool apply = settings.mode == kModeApply;
   const std::optional<ImageSize>& tied = apply ? settings.undistortedSize : settings.distortedSize;
   const std::optional<ImageSize>& other =
@@ -168,7 +172,7 @@ LensSizes ResolveSizes(const LensSettings& settings, ImageSize layer) {
                   "give " + tiedOption + " explicitly");
   }
   const ImageSize first = tied ? *tied : layer;
-  const ImageSize second = other ? *other : first;
+  const ImageSize second = other ? *other : otherDefault ? *otherDefault : first;
   return apply ? LensSizes{second, first} : LensSizes{first, second};
 }
 

@@ -47,6 +47,8 @@ int ParseInt(const std::string& option, const std::string& text, int min, int ma
 int ParseMode(const std::string& text);
 // "builtin", "nearest", "bilinear", "lanczos2", "lanczos3", "mitchell" -> 1..6.
 int ParseFilter(const std::string& text);
+// Lanczos-2, Lanczos-3 and Mitchell-Netravali: the filters that clip what they compute.
+inline bool IsKernelFilter(int filter) { return filter >= 4 && filter <= 6; }
 const char* ModeName(int mode);      // the effect's own popup text ("Remove", "Apply")
 const char* FilterName(int filter);  // "Built-in" .. "Mitchell-Netravali"
 
@@ -58,7 +60,7 @@ struct LensOptionText {
   std::string cubic = "0";
   std::string quartic = "0";
   std::string zoom = "1";
-  std::string pixelAspect = "1";
+  std::string pixelAspect;  // empty: the image file's, else 1
   std::string distortedSize;
   std::string undistortedSize;
 };
@@ -69,6 +71,7 @@ struct LensSettings {
   double distortion = 0, cubic = 0, quartic = 0;  // X1000 slider values
   double zoom = 1;
   double pixelAspect = 1;
+  bool pixelAspectGiven = false;
   std::optional<ImageSize> distortedSize;
   std::optional<ImageSize> undistortedSize;
 };
@@ -83,7 +86,10 @@ struct LensSizes {
 // The input layer is the distorted plate in Remove and the undistorted image in Apply, so the
 // size tied to the layer defaults to the layer's size and the other size to the first one.
 // Throws CliError(kExitIo) when a size taken from the layer is too large for the effect.
-LensSizes ResolveSizes(const LensSettings& settings, ImageSize layer);
+// `other` is the default of the other size when an image file gives one (Apply on an image
+// with overscan: the display window's size).
+LensSizes ResolveSizes(const LensSettings& settings, ImageSize layer,
+                       std::optional<ImageSize> other = std::nullopt);
 
 hostsim::ParamValues ToParamValues(const LensSettings& settings, const LensSizes& sizes);
 

@@ -179,3 +179,47 @@ TEST(InfoErrors, UnloadablePluginIsAnEffectError) {
 }
 
 }  // namespace
+
+namespace {
+
+// info IMAGE reads the frame as render does: in Apply an overscan data window is the
+// undistorted frame and the display window the distorted one; the pixel aspect is the file's.
+// Its --fit size has even margins and is the one render --fit writes.
+TEST(InfoImage, TakesFrameAndPixelAspectFromTheFileAndAgreesWithRenderFit) {
+  vt_cli_test::ScratchDir dir;
+  OIIO::ImageSpec spec(100, 60, 3, OIIO::TypeDesc::HALF);
+  spec.x = -10;
+  spec.y = -6;
+  spec.full_width = 80;
+  spec.full_height = 48;
+  spec.attribute("PixelAspectRatio", 1.25f);
+  std::vector<float> px(100 * 60 * 3, 0.5f);
+  auto out = OIIO::ImageOutput::create(dir / "os.exr");
+  ASSERT_TRUE(out->open(dir / "os.exr", spec) &&
+              out->write_image(OIIO::TypeDesc::FLOAT, px.data()) && out->close());
+  JsonValue j = Info({dir / "os.exr", "--mode", "apply"});
+  EXPECT_EQ(j["undistortedWidth"].Number(), 100);
+  EXPECT_EQ(j["undistortedHeight"].Number(), 60);
+  EXPECT_EQ(j["distortedWidth"].Number(), 80);
+  EXPECT_EQ(j["distortedHeight"].Number(), 48);
+  EXPECT_EQ(j["pixelAspect"].Number(), 1.25);
+  EXPECT_EQ(j["image"].text, dir / "os.exr");
+
+  // Remove: the display window is the plate.
+  j = Info({dir / "os.exr", "--distortion", "-60", "--pixel-aspect", "1"});
+  EXPECT_EQ(j["distortedWidth"].Number(), 80);
+  const auto fit = j["fitUndistortedSize"].Ints();
+  ASSERT_EQ(fit.size(), 2u);
+  EXPECT_GT(fit[1], 48);
+  EXPECT_EQ((fit[0] - 80) % 2, 0);
+  EXPECT_EQ((fit[1] - 48) % 2, 0);
+  EXPECT_GT(j["beyondInvertible"].Number(), 0.0);  // equal sizes cannot hold this lens
+  const auto r = RunVeltrisca({"render", dir / "os.exr", dir / "fit.exr", "--distortion", "-60",
+                               "--pixel-aspect", "1", "--fit"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  const auto written = vt_cli_test::ReadImage(dir / "fit.exr");
+  EXPECT_EQ(written.width, fit[0]);
+  EXPECT_EQ(written.height, fit[1]);
+}
+
+}  // namespace

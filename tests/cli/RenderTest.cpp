@@ -97,7 +97,7 @@ TEST(RenderLayout, RgbStaysRgbUnlessAlphaIsAskedFor) {
   EXPECT_EQ(out.channels, 3);
   EXPECT_EQ(out.raw, px);
 
-  ExpectRun({"render", dir / "rgb.png", dir / "rgba_out.png", "--filter", "nearest", "--alpha"});
+  ExpectRun({"render", dir / "rgb.png", dir / "rgba_out.png", "--filter", "nearest", "--add-alpha"});
   out = ReadImage(dir / "rgba_out.png");
   ASSERT_EQ(out.channels, 4);
   for (size_t p = 0; p < px.size() / 3; ++p) {
@@ -117,6 +117,37 @@ TEST(RenderLayout, GreyImagesComeBackGrey) {
     const Image o = ReadImage(out);
     EXPECT_EQ(o.channels, channels);
     EXPECT_EQ(o.raw, px);
+  }
+}
+
+// Every written file must read back: the inputs carry what made writers stumble before (an
+// sRGB PNG made the TIFF writer write an Exif block and then a TIFF without its size).
+TEST(RenderFormats, EveryWrittenFileReadsBackWithItsSizeAndChannels) {
+  ScratchDir dir;
+  ExpectRun({"chart", dir / "c8.png", "--size", "48x30"});
+  ExpectRun({"chart", dir / "c16.png", "--size", "48x30", "--depth", "16"});
+  ExpectRun({"chart", dir / "c.jpg", "--size", "48x30"});
+  ExpectRun({"chart", dir / "c.exr", "--size", "48x30"});
+  struct Case {
+    const char* in;
+    std::vector<const char*> outs;
+    int channels;
+  };
+  const Case cases[] = {
+      {"c8.png", {"tif", "dpx", "tga"}, 4},
+      {"c16.png", {"tif", "sgi"}, 4},
+      {"c.jpg", {"tif", "jpg", "bmp"}, 3},
+      {"c.exr", {"tif", "dpx", "png"}, 4},
+  };
+  for (const Case& c : cases) {
+    for (const char* ext : c.outs) {
+      const std::string out = dir / (std::string(c.in) + "." + ext);
+      ExpectRun({"render", dir / c.in, out, "--distortion", "-20"});
+      const Image o = ReadImage(out);
+      EXPECT_EQ(o.width, 48) << out;
+      EXPECT_EQ(o.height, 30) << out;
+      EXPECT_EQ(o.channels, c.channels) << out;
+    }
   }
 }
 
@@ -194,7 +225,11 @@ TEST(RenderFailures, LeaveNoOutputAndSayWhyOnOneLine) {
     const char* mentions;
   };
   const Case cases[] = {
-      {{"render", dir / "five.tif", dir / "out.tif"}, 2, "5 channels"},
+      {{"render", dir / "five.tif", dir / "out.png"}, 2, "at most 4 channels"},
+      {{"render", dir / "in.png", dir / "out.png", "--alpha", "Z"}, 2, "R, G, B, A"},
+      {{"render", dir / "in.png", dir / "out.png", "-d", "half"}, 2, "cannot hold half"},
+      {{"render", dir / "in.png", dir / "out.exr", "--compression", "lzw"}, 1, "piz"},
+      {{"render", dir / "in.png", dir / "out.png", "--mode", "apply", "--fit"}, 1, "--fit"},
       {{"render", dir / "missing.png", dir / "out.png"}, 2, "missing.png"},
       {{"render", dir / "junk.png", dir / "out.png"}, 2, "junk.png"},
       {{"render", dir / "in.png", dir / "no/such/dir/out.png"}, 2, "out.png"},

@@ -1,0 +1,44 @@
+// Where the lens frame lies in a file, and the windows of the file written.
+//
+// The layer the effect sees has its origin at a point of the input file: in Remove the top
+// left of the plate's frame (its display window); in Apply the top left of the undistorted
+// frame, which is the data window when that holds the display window and more (overscan),
+// else the display window. Pixels of the data window outside the frame are input too.
+//
+// The output's data window is the rendered window; its display window is the frame of the
+// result: in Apply the distorted frame; in Remove the plate's frame when the undistorted frame
+// holds it (the rest is overscan around it), else the undistorted frame.
+#ifndef VT_CLI_FRAMES_H
+#define VT_CLI_FRAMES_H
+
+#include <optional>
+
+#include "AE_Effect.h"
+#include "Options.h"
+
+namespace veltrisca {
+
+struct InputFrame {
+  int originX = 0, originY = 0;  // file position of the layer's (0, 0)
+  ImageSize frame;               // the size tied to the layer (distorted in Remove)
+  std::optional<ImageSize> other;  // Apply on overscan: the distorted size, the display's
+  bool overscan = false;           // Apply: the undistorted frame is the data window
+};
+InputFrame PlaceInput(int mode, const PF_LRect& dataWindow, const PF_LRect& displayWindow);
+
+struct OutputWindows {
+  PF_LRect data{};     // file coordinates
+  PF_LRect display{};  // file coordinates
+};
+// `window` is the rendered rectangle and `frame` the effect's output frame (Remove: the
+// undistorted frame; Apply: the distorted size centred on the lens), both in layer pixels.
+OutputWindows PlaceOutput(int mode, const PF_LRect& window, const PF_LRect& frame,
+                          const LensSizes& sizes, const InputFrame& input);
+
+bool Contains(const PF_LRect& outer, const PF_LRect& inner);
+PF_LRect Offset(const PF_LRect& r, int dx, int dy);
+bool SameRect(const PF_LRect& a, const PF_LRect& b);
+
+}  // namespace veltrisca
+
+#endif
