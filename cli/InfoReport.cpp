@@ -132,7 +132,9 @@ void WriteInfoText(std::ostream& out, const InfoResult& info) {
   out << "  max_result_rect    " << RectLine(r.output.max_result_rect) << "\n\n";
   if (!info.image.empty()) out << "Image                " << info.image << "\n";
   out << "Overscan (--fit)     undistorted size " << info.fitSize.width << " x "
-      << info.fitSize.height << " holds the whole distorted frame\n";
+      << info.fitSize.height
+      << (info.beyondInvertible > 0 ? " holds every part of the distorted frame the lens undoes\n"
+                                    : " holds the whole distorted frame\n");
   out << "Beyond the inverse   " << Num(100.0 * info.beyondInvertible, 4)
       << "% of the distorted frame lies beyond the radius the lens inverts\n";
 }
