@@ -68,8 +68,8 @@ double TakeReal(ByteCursor& in, double centre, double scale) {
 
 int32_t TakeMode(ByteCursor& in) {
   const uint8_t sel = TakeByte(in);
-  if (sel < 0x80) return kDistortModeRemove;
-  if (sel < 0xF0) return kDistortModeApply;
+  if (sel < 0x80) return kModeRemove;
+  if (sel < 0xF0) return kModeApply;
   return TakeRaw<int32_t>(in);  // popup values no choice has
 }
 

@@ -33,21 +33,7 @@ std::string Hex(uint32_t v) {
   return text;
 }
 
-int DepthBits(Depth d) { return static_cast<int>(d); }
-
 }  // namespace
-
-PF_Fixed PixelsToFixed(double pixels) {
-  const double v = pixels * 65536.0;
-  if (std::isnan(v)) return 0;
-  if (v >= static_cast<double>(std::numeric_limits<PF_Fixed>::max())) {
-    return std::numeric_limits<PF_Fixed>::max();
-  }
-  if (v <= static_cast<double>(std::numeric_limits<PF_Fixed>::min())) {
-    return std::numeric_limits<PF_Fixed>::min();
-  }
-  return static_cast<PF_Fixed>(std::llround(v));
-}
 
 // --- Construction ---------------------------------------------------------------------
 Host::Host(const PluginModule& plugin)
@@ -248,7 +234,7 @@ PF_Err Host::SmartPreRender(const PF_LRect& request, PreRenderReport* report) {
   input.output_request.rect = request;
   input.output_request.field = PF_Field_FRAME;
   input.output_request.channel_mask = kChannelMaskARGB;
-  input.bitdepth = static_cast<short>(DepthBits(HostCallbacks::RenderDepth(this)));
+  input.bitdepth = static_cast<short>(static_cast<int>(HostCallbacks::RenderDepth(this)));
   PF_PreRenderOutput output = preRenderOutputPreset;
   PF_PreRenderCallbacks callbacks{HostCallbacks::CheckoutLayer, HostCallbacks::GuidMixIn};
   PF_PreRenderExtra extra{&input, &output, &callbacks};
@@ -275,7 +261,7 @@ PF_Err Host::SmartRender(std::unique_ptr<World>* output) {
 
   PF_SmartRenderInput input{};
   input.output_request = lastOutputRequest_;
-  input.bitdepth = static_cast<short>(DepthBits(HostCallbacks::RenderDepth(this)));
+  input.bitdepth = static_cast<short>(static_cast<int>(HostCallbacks::RenderDepth(this)));
   input.pre_render_data = lastPreRender_.pre_render_data;
   PF_SmartRenderCallbacks callbacks{HostCallbacks::CheckoutLayerPixels,
                                     HostCallbacks::CheckinLayerPixels,
@@ -515,10 +501,10 @@ PF_Err HostCallbacks::CheckoutParam(Host* host, PF_ParamIndex index, A_long time
   PF_Err err = 0;
   if (host->ShouldFail(HostCall::CheckoutParam, &err)) return err;
   if (!param) return PF_Err_BAD_CALLBACK_PARAM;
-  if (index < 0 || index > 9) return PF_Err_INVALID_INDEX;
+  if (index < kParamInput || index >= kParamCount) return PF_Err_INVALID_INDEX;
 
   PF_ParamDef def{};
-  if (index == 0) {
+  if (index == kParamInput) {
     def.param_type = PF_Param_LAYER;
     if (host->inputLayer_) def.u.ld = *host->inputLayer_->effectWorld();
     *param = def;
@@ -542,19 +528,20 @@ PF_Err HostCallbacks::CheckoutParam(Host* host, PF_ParamIndex index, A_long time
   };
   auto point = [&](double x, double y) {
     def.param_type = PF_Param_POINT;
-    def.u.td.x_value = PixelsToFixed(x);
-    def.u.td.y_value = PixelsToFixed(y);
+    def.u.td.x_value = PixelsToFixed(static_cast<float>(x));
+    def.u.td.y_value = PixelsToFixed(static_cast<float>(y));
   };
   switch (index) {
-    case 1: popup(v.mode); break;
-    case 2: popup(v.filter); break;
-    case 3: slider(v.distortion); break;
-    case 4: slider(v.cubic); break;
-    case 5: slider(v.quartic); break;
-    case 6: slider(v.zoom); break;
-    case 7: point(v.distortedWidth, v.distortedHeight); break;
-    case 8: slider(v.pixelAspect); break;
-    case 9: point(v.undistortedWidth, v.undistortedHeight); break;
+    case kParamMode: popup(v.mode); break;
+    case kParamFilter: popup(v.filter); break;
+    case kParamDistortion: slider(v.distortion); break;
+    case kParamCubic: slider(v.cubic); break;
+    case kParamQuartic: slider(v.quartic); break;
+    case kParamZoom: slider(v.zoom); break;
+    case kParamDistortedSize: point(v.distortedWidth, v.distortedHeight); break;
+    case kParamPixelAspect: slider(v.pixelAspect); break;
+    case kParamUndistortedSize: point(v.undistortedWidth, v.undistortedHeight); break;
+    default: break;
   }
   *param = def;
   return PF_Err_NONE;

@@ -58,13 +58,6 @@ constexpr uint64_t kMaxHandleBytes = uint64_t{1} << 32;
 // An iterate thread claims 1 / (this * threads) of the rows left at a time.
 constexpr A_long kIterateShareDivisor = 2;
 
-bool IsEmpty(const PF_LRect& r) { return r.left >= r.right || r.top >= r.bottom; }
-
-PF_LRect Intersect(const PF_LRect& a, const PF_LRect& b) {
-  const PF_LRect r{std::max(a.left, b.left), std::max(a.top, b.top), std::min(a.right, b.right),
-                   std::min(a.bottom, b.bottom)};
-  return IsEmpty(r) ? PF_LRect{0, 0, 0, 0} : r;
-}
 
 // --- ANSI functions -------------------------------------------------------------------
 A_FpLong AnsiAtan(A_FpLong v) { return std::atan(v); }
@@ -236,14 +229,10 @@ PF_Err NewWorld(PF_ProgPtr effect_ref, A_long width, A_long height, PF_Boolean /
                 PF_PixelFormat format, PF_EffectWorld* world) {
   Host* host = HostCallbacks::FromRef(effect_ref);
   if (!host || !world || width <= 0 || height <= 0) return PF_Err_BAD_CALLBACK_PARAM;
-  Depth depth;
-  switch (format) {
-    case PF_PixelFormat_ARGB32: depth = Depth::k8; break;
-    case PF_PixelFormat_ARGB64: depth = Depth::k16; break;
-    case PF_PixelFormat_ARGB128: depth = Depth::kFloat; break;
-    default: return PF_Err_BAD_CALLBACK_PARAM;
-  }
-  return HostCallbacks::NewSuiteWorld(host, depth, width, height, world);  // always cleared
+  const int32_t bits = BitDepthOfHostFormat(format);
+  if (bits == 0) return PF_Err_BAD_CALLBACK_PARAM;
+  // Always cleared.
+  return HostCallbacks::NewSuiteWorld(host, static_cast<Depth>(bits), width, height, world);
 }
 
 PF_Err DisposeWorld(PF_ProgPtr effect_ref, PF_EffectWorld* world) {
@@ -480,15 +469,17 @@ PF_Err HostCallbacks::CheckoutLayer(PF_ProgPtr effect_ref, PF_ParamIndex index,
   PF_Err err = 0;
   if (HostCallbacks::ShouldFail(host, HostCall::CheckoutLayer, &err)) return err;
   if (!req || !checkout_result) return PF_Err_BAD_CALLBACK_PARAM;
-  if (index != 0) return PF_Err_INVALID_INDEX;  // the effect's only layer is the input
+  if (index != kParamInput) return PF_Err_INVALID_INDEX;  // the effect's only layer
 
   const World* layer = host->inputLayer_;
   const PF_LRect layerBounds = layer ? layer->Bounds() : PF_LRect{0, 0, 0, 0};
   PF_LRect supplied{0, 0, 0, 0};
   if (host->haveSuppliedOverride_) {
     supplied = host->suppliedOverride_;
-  } else if (layer && !IsEmpty(req->rect)) {
-    supplied = Intersect(req->rect, layerBounds);
+  } else if (layer && !IsEmptyRect(&req->rect)) {
+    supplied = req->rect;
+    IntersectRect(supplied, layerBounds);
+    if (IsEmptyRect(&supplied)) supplied = PF_LRect{0, 0, 0, 0};
   }
   *checkout_result = PF_CheckoutResult{};
   checkout_result->result_rect = supplied;
@@ -518,7 +509,7 @@ PF_Err HostCallbacks::CheckoutLayerPixels(PF_ProgPtr effect_ref, A_long checkout
   if (HostCallbacks::ShouldFail(host, HostCall::CheckoutLayerPixels, &err)) return err;
   if (!host->haveCheckout_ || checkout_idL != host->checkoutId_) return PF_Err_BAD_CALLBACK_PARAM;
   const PF_LRect& rect = host->lastSupplied_;
-  if (IsEmpty(rect)) return PF_Err_NONE;  // nothing was supplied: no pixels
+  if (IsEmptyRect(&rect)) return PF_Err_NONE;  // nothing was supplied: no pixels
   if (!host->checkedOutInput_) {
     try {
       if (host->lendInputLayer && host->inputLayer_) {
@@ -563,7 +554,7 @@ PF_Err HostCallbacks::CheckoutOutput(PF_ProgPtr effect_ref, PF_EffectWorld** out
   PF_Err err = 0;
   if (HostCallbacks::ShouldFail(host, HostCall::CheckoutOutput, &err)) return err;
   const PF_LRect rect = host->lastPreRender_.result_rect;
-  if (IsEmpty(rect)) return PF_Err_NONE;  // nothing to render: no output buffer
+  if (IsEmptyRect(&rect)) return PF_Err_NONE;  // nothing to render: no output buffer
   if (!host->checkedOutOutput_) {
     const int64_t w = int64_t{rect.right} - rect.left, h = int64_t{rect.bottom} - rect.top;
     if (w > std::numeric_limits<int>::max() || h > std::numeric_limits<int>::max()) {
@@ -626,9 +617,7 @@ PF_Err HostCallbacks::Iterate(int depthBits, PF_InData* in_data, A_long progress
 
   PF_Err err = 0;
   if (HostCallbacks::ShouldFail(host, HostCall::Iterate, &err)) return finish(err, {}, 0);
-  const PF_PixelFormat format = depthBits == 8    ? PF_PixelFormat_ARGB32
-                                : depthBits == 16 ? PF_PixelFormat_ARGB64
-                                                  : PF_PixelFormat_ARGB128;
+  const PF_PixelFormat format = PixelFormatOf(static_cast<Depth>(depthBits));
   if (!dst || !pix_fn || !dst->data || PixelFormatOfWorld(*dst) != format ||
       (src && PixelFormatOfWorld(*src) != format)) {
     return finish(PF_Err_BAD_CALLBACK_PARAM, {}, 0);

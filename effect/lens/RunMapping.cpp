@@ -212,7 +212,7 @@ void MapOutToBufferPt(const VtAFXLensData* lens, const FGulpPt& out, FGulpPt& in
                       const BufferOrigin& origin) {
   const int n = std::min(out.x.len, out.y.len);
   const RunPositions positions{out.x.data(), out.y.data(), 0};
-  if (lens->distortMode != kDistortModeApply) {
+  if (lens->distortMode != kModeApply) {
     Remove(*lens, positions, n, in, origin);
   } else if (lens->tableValid != 0) {
     rounding::WithRoute([&](auto route) {
@@ -230,7 +230,7 @@ void MapOutToInPt(const VtAFXLensData* lens, const FGulpPt& out, FGulpPt& in) {
 void MapRowStepToBufferPt(const VtAFXLensData* lens, const RowStep& step, FGulpPt& in,
                           const BufferOrigin& origin) {
   const int n = std::max(0, std::min(step.len, FGulp::kCapacity));
-  if (lens->distortMode == kDistortModeApply && lens->tableValid == 0) {
+  if (lens->distortMode == kModeApply && lens->tableValid == 0) {
     FGulpPt out;  // the solver works on stored runs
     out.x.SetLen(n, 0);
     out.y.SetLen(n, 0);
@@ -240,7 +240,7 @@ void MapRowStepToBufferPt(const VtAFXLensData* lens, const RowStep& step, FGulpP
     return;
   }
   const RowStepPositions positions{StartIota(step.x0, 1.0f), _mm_set1_ps(step.y)};
-  if (lens->distortMode != kDistortModeApply) {
+  if (lens->distortMode != kModeApply) {
     Remove(*lens, positions, n, in, origin);
   } else {
     rounding::WithRoute([&](auto route) {

@@ -5,8 +5,7 @@
 // fused into one pass over groups of four pixels: every element goes through the same
 // single-precision operations with the same operands in the same order, with the rounding
 // route chosen once per call, so the bytes written are those of the steps run one after
-// another on whole runs (the kernel sampler keeps that form for records the fused loop does
-// not take). Only the pixel addresses are formed differently, with the same 32-bit
+// another on whole runs. Only the pixel addresses are formed differently, with the same 32-bit
 // arithmetic, and pixels are loaded straight into vectors.
 #include "resample/Samplers.h"
 
@@ -28,11 +27,6 @@ namespace {
 // NaN (taken as -2^30) and infinities land outside every image.
 constexpr float kPositionLimit = 1073741824.0f;  // 2^30
 
-void BringIntoRange(const FGulp& a, FGulp& out) {
-  out.fmax(a, -kPositionLimit);  // a NaN element fails a > s and becomes -2^30
-  out.fmin(out, kPositionLimit);
-}
-
 // The number of pixels of a run: the x and y runs have the same length; were they to differ,
 // the element-wise operations would end at the shorter one.
 int RunLength(const FGulpPt& pos) { return pos.x.len < pos.y.len ? pos.x.len : pos.y.len; }
@@ -53,8 +47,8 @@ void StoreTransparent(const ResampleData* rd, int n, void* dst) {
 
 using rounding::Mask01;
 
-// BringIntoRange, four elements: the first operand of each comparison is the element, so a
-// NaN element becomes -2^30, as fmax and fmin give.
+// Four positions brought into range: lane l = min(2^30, max(-2^30, v[l])). maxps returns its
+// second operand when either is NaN, so a NaN lane becomes -2^30 (as FGulp::fmax gives).
 inline __m128 IntoRange(__m128 v) {
   return _mm_min_ps(_mm_max_ps(v, _mm_set1_ps(-kPositionLimit)), _mm_set1_ps(kPositionLimit));
 }
@@ -364,13 +358,10 @@ void ForDepthAndRoute(const ResampleData* rd, const FGulpPt& pos, void* dst) {
   const int n = RunLength(pos);
   char* out = static_cast<char*>(dst);
   rounding::WithRoute([&](auto route) {
-    using Route = decltype(route);
-    switch (rd->bitDepth) {
-      case 8: return Run<8, Route>::Go(rd, pos, n, out);
-      case 16: return Run<16, Route>::Go(rd, pos, n, out);
-      case 32: return Run<32, Route>::Go(rd, pos, n, out);
-      default: return;
-    }
+    ForPixelDepth(
+        rd->bitDepth,
+        [&](auto depth) { Run<decltype(depth)::kBits, decltype(route)>::Go(rd, pos, n, out); },
+        [] {});
   });
 }
 
@@ -402,8 +393,8 @@ void BiLinSampler(ResampleData* rd, const FGulpPt& pos, void* dst) {
 
 namespace {
 
-// The widest kernel has 6 taps per axis; the fused loop keeps every tap column and row.
-constexpr int kMaxFusedTaps = 8;
+// The widest kernel has 6 taps per axis; the plan keeps every tap column and row.
+constexpr int kMaxTaps = 6;
 
 // One tap column (or row) of a run: the inside mask and the byte-offset term of the clipped
 // source coordinate, trunc(coordinate) * stride, as IndexCalcT forms it; computed once per
@@ -417,8 +408,8 @@ struct TapLine {
 // phase cell and every tap column and tap row.
 struct TapPlan {
   alignas(16) int32_t cellIndex[FGulp::kCapacity];
-  TapLine columns[kMaxFusedTaps];
-  TapLine rows[kMaxFusedTaps];
+  TapLine columns[kMaxTaps];
+  TapLine rows[kMaxTaps];
   // Per group of four: every tap column of all four pixels lies inside the image, so the
   // columns are unclipped and each pixel's taps of one tap row are consecutive pixels.
   bool columnsInside[FGulp::kCapacity / 4];
@@ -487,15 +478,9 @@ void PlanTaps(const ResampleData* rd, const FGulpPt& pos, int n, TapPlan& plan) 
                 plan.rows[j]);
   }
   const int taps = rd->tapsX;
-  if (taps <= 0) {
-    for (int k = 0; k < n; k += 4) plan.columnsInside[k / 4] = false;
-    return;
-  }
   MakeTapLine(firstTapX, laneMasks, 0.0f, xmax, rd->pixelBytes, 0, n, plan.columns[0]);
-  if (taps > 1) {
-    MakeTapLine(firstTapX, laneMasks, static_cast<float>(taps - 1), xmax, rd->pixelBytes, 0, n,
-                plan.columns[taps - 1]);
-  }
+  MakeTapLine(firstTapX, laneMasks, static_cast<float>(taps - 1), xmax, rd->pixelBytes, 0, n,
+              plan.columns[taps - 1]);
   const bool addressable = TapsAddressable(rd);
   const __m128 one = _mm_set1_ps(1.0f);
   for (int k = 0; k < n; k += 4) {
@@ -516,13 +501,12 @@ void PlanTaps(const ResampleData* rd, const FGulpPt& pos, int n, TapPlan& plan) 
   }
 }
 
-// The kernel-table weights of tap row j for the four pixels of a group: w[i] holds tap
-// column i, lane l taken from the cell of pixel l (a copy of the table's bits, as gatherLUT
-// makes). Taps 4 and 6 read whole rows of the cells and transpose them; 0 reads weight by
-// weight for any number of taps.
+// The kernel-table weights of tap row `row` for the four pixels of a group: w[i] holds tap
+// column i, lane l the weight from the cell of pixel l (a copy of the table's bits, as
+// gatherLUT makes). The rows of the four cells are loaded and transposed.
 template <int Taps>
 struct WeightRow {
-  static void Fetch(const float* const cells[4], int row, int, __m128* w) {
+  static void Fetch(const float* const cells[4], int row, __m128* w) {
     const int first = row * Taps;
     __m128 w0 = _mm_loadu_ps(cells[0] + first), w1 = _mm_loadu_ps(cells[1] + first);
     __m128 w2 = _mm_loadu_ps(cells[2] + first), w3 = _mm_loadu_ps(cells[3] + first);
@@ -545,16 +529,6 @@ struct WeightRow {
   }
 };
 
-template <>
-struct WeightRow<0> {
-  static void Fetch(const float* const cells[4], int row, int taps, __m128* w) {
-    for (int i = 0; i < taps; ++i) {
-      const int t = row * taps + i;
-      w[i] = _mm_setr_ps(cells[0][t], cells[1][t], cells[2][t], cells[3][t]);
-    }
-  }
-};
-
 // The kernel sampler's taps and its final steps, four pixels at a time, each tap's operations
 // exactly as the run operations do them and in the same order: weight = (w * insideColumn) *
 // insideRow (mulmul), channel = weight * pixel + channel (muladd) and weightSum = weightSum +
@@ -562,13 +536,12 @@ struct WeightRow<0> {
 // four pixels; the channel sums of each pixel are kept side by side (a, r, g, b), so a pixel
 // is loaded once per tap, and transposed into channels at the end. Then q = recipCHKZ(weight
 // sum) and each channel clip(0, q * sum, max), rounded before the clip at the integer depths
-// (mulroundclip, mulclip), and the store. Taps is tapsX = tapsY (4 or 6), or 0 for any counts
-// up to kMaxFusedTaps.
+// (mulroundclip, mulclip), and the store. Taps is tapsX = tapsY (4 or 6).
 template <int BitDepth, int Taps, class Route>
 void KernelRun(const ResampleData* rd, const TapPlan& plan, int n, char* dst) {
   using Format = PixelFormatOf<BitDepth>;
-  const int tapsX = Taps ? Taps : rd->tapsX;
-  const int tapsY = Taps ? Taps : rd->tapsY;
+  constexpr int tapsX = Taps;
+  constexpr int tapsY = Taps;
   const char* base = rd->baseAddr;
   const float* table = rd->kernelTable;
   const __m128 zero = _mm_setzero_ps(), one = _mm_set1_ps(1.0f);
@@ -592,8 +565,8 @@ void KernelRun(const ResampleData* rd, const TapPlan& plan, int n, char* dst) {
         const char* p1 = base + _mm_extract_epi32(start, 1);
         const char* p2 = base + _mm_extract_epi32(start, 2);
         const char* p3 = base + _mm_extract_epi32(start, 3);
-        __m128 w[kMaxFusedTaps];
-        WeightRow<Taps>::Fetch(cells, j, tapsX, w);
+        __m128 w[Taps];
+        WeightRow<Taps>::Fetch(cells, j, w);
         for (int i = 0; i < tapsX; ++i) {
           // insideColumn is 1.0 for every column here.
           const __m128 weight = _mm_mul_ps(_mm_mul_ps(w[i], one), insideRow);
@@ -610,8 +583,8 @@ void KernelRun(const ResampleData* rd, const TapPlan& plan, int n, char* dst) {
       const TapLine& row = plan.rows[j];
       const __m128 insideRow = _mm_load_ps(row.inside + k);
       const __m128i rowOffset = _mm_load_si128(reinterpret_cast<const __m128i*>(row.offset + k));
-      __m128 w[kMaxFusedTaps];
-      WeightRow<Taps>::Fetch(cells, j, tapsX, w);
+      __m128 w[Taps];
+      WeightRow<Taps>::Fetch(cells, j, w);
       for (int i = 0; i < tapsX; ++i) {
         const TapLine& column = plan.columns[i];
         const __m128i offset = _mm_add_epi32(
@@ -651,84 +624,23 @@ void KernelRun(const ResampleData* rd, const TapPlan& plan, int n, char* dst) {
 
 template <int BitDepth, class Route>
 void KernelRunOfTaps(const ResampleData* rd, const TapPlan& plan, int n, char* dst) {
-  if (rd->tapsX == 4 && rd->tapsY == 4) {
+  if (rd->tapsX == 4) {
     KernelRun<BitDepth, 4, Route>(rd, plan, n, dst);
-  } else if (rd->tapsX == 6 && rd->tapsY == 6) {
-    KernelRun<BitDepth, 6, Route>(rd, plan, n, dst);
   } else {
-    KernelRun<BitDepth, 0, Route>(rd, plan, n, dst);
+    KernelRun<BitDepth, 6, Route>(rd, plan, n, dst);
   }
 }
 
-// The kernel sampler step by step on whole runs, for records the fused loop does not take:
-// more than kMaxFusedTaps taps, or a pixel depth it does not know (where nothing is loaded
-// or stored).
-void SamplerByRun(ResampleData* rd, const FGulpPt& pos, void* dst) {
-  const int n = pos.x.len;
-  const float xmax = static_cast<float>(rd->width - 1);
-  const float ymax = static_cast<float>(rd->height - 1);
-  const float phases = rd->phasesPerPixel;
-  const float stride = rd->phaseStride;
-
-  FGulp x, y;
-  BringIntoRange(pos.x, x);
-  BringIntoRange(pos.y, y);
-  FGulp firstTapX, firstTapY, phaseX, phaseY;
-  phaseX.modfscaledoffs(x, phases, -static_cast<float>(rd->tapOffsetX), firstTapX);
-  phaseY.modfscaledoffs(y, phases, -static_cast<float>(rd->tapOffsetY), firstTapY);
-  phaseX.fmin(phaseX, phases - 1.0f);
-  phaseY.fmin(phaseY, phases - 1.0f);
-  FGulp cell;
-  cell.muladdmul(phases * stride, phaseY, stride, phaseX);
-
-  FGulp red, green, blue, alpha, weightSum;
-  for (FGulp* sum : {&red, &green, &blue, &alpha, &weightSum}) {
-    sum->SetLen(n, 0);
-    sum->Constant(0.0f);
-  }
-  FGulpPt tap;
-  FGulp insideRow, insideColumn, weight;
-  RGBAGulp pixels;
-  for (int j = 0; j < rd->tapsY; ++j) {
-    tap.y.clipoffsLE(0.0f, firstTapY, static_cast<float>(j), ymax, insideRow);
-    for (int i = 0; i < rd->tapsX; ++i) {
-      tap.x.clipoffsLE(0.0f, firstTapX, static_cast<float>(i), xmax, insideColumn);
-      SamplePix(rd, tap, pixels);
-      weight.gatherLUT(rd->kernelTable + j * rd->tapsX + i, cell);
-      weight.mulmul(weight, insideColumn, insideRow);
-      red.muladd(weight, pixels.r, red);
-      green.muladd(weight, pixels.g, green);
-      blue.muladd(weight, pixels.b, blue);
-      alpha.muladd(weight, pixels.a, alpha);
-      weightSum += weight;
-    }
-  }
-
-  FGulp norm;
-  norm.recipCHKZ(weightSum);
-  RGBAGulp result;
-  if (rd->bitDepth == 32) {
-    result.r.mulclip(0.0f, norm, red, rd->colorMax);
-    result.g.mulclip(0.0f, norm, green, rd->colorMax);
-    result.b.mulclip(0.0f, norm, blue, rd->colorMax);
-    result.a.mulclip(0.0f, norm, alpha, rd->alphaMax);
-  } else {
-    result.r.mulroundclip(0.0f, norm, red, rd->colorMax);
-    result.g.mulroundclip(0.0f, norm, green, rd->colorMax);
-    result.b.mulroundclip(0.0f, norm, blue, rd->colorMax);
-    result.a.mulroundclip(0.0f, norm, alpha, rd->alphaMax);
-  }
-  StorePix(rd, result, dst);
+// The kernels have 4 by 4 (Lanczos-2, Mitchell-Netravali) or 6 by 6 taps (Lanczos-3).
+bool KnownKernel(const ResampleData* rd) {
+  return (rd->tapsX == 4 || rd->tapsX == 6) && rd->tapsY == rd->tapsX;
 }
 
 }  // namespace
 
 void Sampler(ResampleData* rd, const FGulpPt& pos, void* dst) {
-  if (ImageIsEmpty(rd) || rd->kernelTable == nullptr) return StoreTransparent(rd, pos.x.len, dst);
-  const bool knownDepth = rd->bitDepth == 8 || rd->bitDepth == 16 || rd->bitDepth == 32;
-  if (!knownDepth || rd->tapsX < 0 || rd->tapsX > kMaxFusedTaps || rd->tapsY < 0 ||
-      rd->tapsY > kMaxFusedTaps) {
-    return SamplerByRun(rd, pos, dst);
+  if (ImageIsEmpty(rd) || rd->kernelTable == nullptr || !KnownKernel(rd)) {
+    return StoreTransparent(rd, pos.x.len, dst);
   }
   // Taps outside the image weigh nothing; their clipped coordinates only keep the load inside
   // the image. The kernel is renormalised over the inside taps.
@@ -736,12 +648,13 @@ void Sampler(ResampleData* rd, const FGulpPt& pos, void* dst) {
   char* out = static_cast<char*>(dst);
   rounding::WithRoute([&](auto route) {
     using Route = decltype(route);
-    TapPlan plan;
-    PlanTaps<Route>(rd, pos, n, plan);
-    switch (rd->bitDepth) {
-      case 8: return KernelRunOfTaps<8, Route>(rd, plan, n, out);
-      case 16: return KernelRunOfTaps<16, Route>(rd, plan, n, out);
-      default: return KernelRunOfTaps<32, Route>(rd, plan, n, out);
-    }
+    ForPixelDepth(
+        rd->bitDepth,
+        [&](auto depth) {
+          TapPlan plan;
+          PlanTaps<Route>(rd, pos, n, plan);
+          KernelRunOfTaps<decltype(depth)::kBits, Route>(rd, plan, n, out);
+        },
+        [] {});
   });
 }
