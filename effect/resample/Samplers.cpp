@@ -1,12 +1,17 @@
 // Nearest, bilinear and table-driven kernel resampling of one run of source positions.
 //
-// Each sampler is its sequence of run operations (BringIntoRange, round or modf, the range
-// masks, clip, SamplePix, blend or the tap sums, the final rounding and clip, StorePix)
-// fused into one pass over groups of four pixels: every element goes through the same
-// single-precision operations with the same operands in the same order, with the rounding
-// route chosen once per call, so the bytes written are those of the steps run one after
-// another on whole runs. Only the pixel addresses are formed differently, with the same 32-bit
-// arithmetic, and pixels are loaded straight into vectors.
+// Each sampler makes one pass over groups of four pixels. Two register layouts are used:
+// position registers, where lane l holds pixel k + l of the group (its x, its y, a mask, a
+// weight), and pixel registers, where the four lanes are one pixel's channels in memory order
+// (alpha, red, green, blue). All arithmetic is single-precision IEEE, each operation rounded
+// to nearest-even on its own and in the order written (nothing is fused; -ffp-contract=off);
+// a mask is 1.0 or 0.0 and multiplies, so it keeps NaN and signed zeros as a product does.
+// Integer channels are loaded exactly (0..255 or 0..32768 as floats) and stored by truncation
+// of values that are already whole. Integral values (floor, round) come from the rounding
+// route chosen once per call from the processor's features; both routes agree on every
+// position once it is brought into [-2^30, 2^30]. Pixel addresses are byte offsets
+// y*rowBytes + x*pixelBytes in wrapping 32-bit integer arithmetic of the truncated
+// coordinates.
 #include "resample/Samplers.h"
 
 #include <smmintrin.h>
@@ -74,9 +79,9 @@ bool TapsAddressable(const ResampleData* rd) {
   return span < (int64_t{1} << 31) && rd->width <= (1 << 24);
 }
 
-// The nearest sampler's run operations fused into one pass over groups of four pixels, each
-// element going through the same operations in the same order: round, the in-range masks
-// before the clip, the clip, the load, the channels times (insideX * insideY), the store.
+// The nearest sampler, per lane of a group: gx = round(x) (halves to even), the mask
+// insideX = 1.0 where -1 <= gx <= (width - 1) + 1 (tested before the clip), gx clipped to
+// 0 .. width - 1; the same for y; then the pixel at (gx, gy) times insideX * insideY.
 //
 // The product insideX * insideY is 1.0 or 0.0. An integer channel is a small whole number,
 // so times 1.0 it stores back unchanged and times 0.0 as 0: the integer depths copy each
@@ -254,9 +259,13 @@ inline __m128 BiLinPixel(const char* p, const std::ptrdiff_t* d, __m128 fx, __m1
   return out;
 }
 
-// The bilinear sampler's run operations fused likewise: floor and fraction, the four clipped
-// neighbours, the two horizontal blends and the vertical one per channel, then the inside
-// mask (times it for float, times it and rounded for the integer depths).
+// The bilinear sampler. Per lane of the position registers: ix = floor(x), fx = x - ix (exact),
+// likewise iy, fy; inside = (0 <= ix <= width - 1 ? 1.0 : 0.0) * (0 <= iy <= height - 1 ?
+// 1.0 : 0.0) on the unclipped floors; the neighbours c00, c10, c01, c11 at the floors and the
+// floors + 1, each coordinate clipped into the image. Per pixel register (channels side by
+// side, fx and fy broadcast from the pixel's lane): top = c00 + (c10 - c00)*fx, bottom =
+// c01 + (c11 - c01)*fx, out = top + (bottom - top)*fy, three roundings per blend, then
+// out*inside; integer depths round that to the nearest integer (halves to even).
 //
 // Each pixel is worked as the vector of its four channels. When all four pixels of a group
 // have both neighbours of each axis inside the image, no coordinate is clipped, so the
@@ -415,10 +424,10 @@ struct TapPlan {
   bool columnsInside[FGulp::kCapacity / 4];
 };
 
-// clipoffsLE(0, firstTap, tap, maxIndex, inside) for the groups of four from `from` to `to`
-// (exclusive), with clipoffsLE's own instructions (v = firstTap + tap; inside = 1.0 where
-// 0 <= v <= maxIndex, ordered; clipped = min(maxIndex, max(0, v))), and the offset term of
-// each clipped coordinate. Offsets of lanes past the run's end (arbitrary coordinates) are
+// One tap column (or row) for the groups of four from `from` to `to` (exclusive), per lane:
+// v = firstTap + tap (a float sum of whole numbers, exact); inside = 1.0 where 0 <= v <=
+// maxIndex (false for NaN), else 0.0; clipped = min(maxIndex, max(0, v)); the offset term
+// trunc(clipped) * stride in 32-bit integers. Offsets of lanes past the run's end (arbitrary coordinates) are
 // masked to 0: pixel (0, 0).
 inline void MakeTapLine(const float* firstTap, const __m128i* laneMasks, float tap, float maxIndex,
                         int32_t stride, int from, int to, TapLine& line) {
@@ -433,11 +442,11 @@ inline void MakeTapLine(const float* firstTap, const __m128i* laneMasks, float t
   }
 }
 
-// The setup of the kernel sampler's run operations, fused into passes over groups of four
-// with the same operations in the same order: BringIntoRange; modfscaledoffs (floor, the
-// phase rounded down from (a - floor(a)) * P, the first tap floor(a) - tapOffset); the phase
-// held at P - 1 (fmin); the cell index (P*S)*py + S*px (muladdmul), truncated as gatherLUT
-// truncates it; then every tap row and column (clipoffsLE and the offset terms). The middle
+// The kernel sampler's plan, per lane of each group (P phases per pixel, S floats per cell):
+// a = the position brought into range; the first tap floor(a) - tapOffset (exact); the
+// phase floor((a - floor(a)) * P) (the product rounded, then rounded down), held at P - 1;
+// the cell index (P*S)*py + S*px, two products and a sum of whole numbers below 2^24, so
+// exact, truncated to an integer; then every tap row and column (MakeTapLine). The middle
 // tap columns are only needed for groups with a column outside the image: elsewhere every
 // column is inside, unclipped and one pixel after the previous one.
 template <class Route>
@@ -529,14 +538,15 @@ struct WeightRow {
   }
 };
 
-// The kernel sampler's taps and its final steps, four pixels at a time, each tap's operations
-// exactly as the run operations do them and in the same order: weight = (w * insideColumn) *
-// insideRow (mulmul), channel = weight * pixel + channel (muladd) and weightSum = weightSum +
-// weight, tap rows outer and tap columns inner. The weights and their sum are kept across the
-// four pixels; the channel sums of each pixel are kept side by side (a, r, g, b), so a pixel
-// is loaded once per tap, and transposed into channels at the end. Then q = recipCHKZ(weight
-// sum) and each channel clip(0, q * sum, max), rounded before the clip at the integer depths
-// (mulroundclip, mulclip), and the store. Taps is tapsX = tapsY (4 or 6).
+// The kernel sampler's taps and its final steps, four pixels at a time. weight and weightSum
+// are position registers (lane l = pixel l); pixel0..3 are pixel registers holding each
+// pixel's channel sums (a, r, g, b). Tap rows outer, tap columns inner, every tap: weight =
+// (w * insideColumn) * insideRow, weightSum = weightSum + weight, and per pixel sum = weight
+// (its lane broadcast) * pixel + sum, the product rounded before the sum. After the last tap
+// the sums are transposed to one register per channel (lane l = pixel l); q = 1 / weightSum
+// (1 / 1 where the sum is +-0, when every sum is 0 too); each channel is q * sum, at the
+// integer depths rounded to the nearest integer (halves to even), then clipped to 0 .. max
+// (alphaMax for alpha, colorMax for colour). Taps is tapsX = tapsY (4 or 6).
 template <int BitDepth, int Taps, class Route>
 void KernelRun(const ResampleData* rd, const TapPlan& plan, int n, char* dst) {
   using Format = PixelFormatOf<BitDepth>;
