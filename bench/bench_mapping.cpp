@@ -62,12 +62,12 @@ void MapRows(benchmark::State& state, const VtAFXLensData& lens) {
 }
 
 void BM_MapRemove(benchmark::State& state) {
-  const auto lens = BenchLens(kDistortModeRemove);
+  const auto lens = BenchLens(kModeRemove);
   MapRows(state, *lens);
 }
 
 void BM_MapApplyTable(benchmark::State& state) {
-  const auto lens = BenchLens(kDistortModeApply);
+  const auto lens = BenchLens(kModeApply);
   if (lens->tableValid == 0) {
     state.SkipWithError("inverse table unexpectedly invalid");
     return;
@@ -76,7 +76,7 @@ void BM_MapApplyTable(benchmark::State& state) {
 }
 
 void BM_MapApplySolver(benchmark::State& state) {
-  const auto lens = BenchLens(kDistortModeApply);
+  const auto lens = BenchLens(kModeApply);
   lens->tableValid = 0;
   MapRows(state, *lens);
 }

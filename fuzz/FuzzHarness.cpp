@@ -68,8 +68,8 @@ double TakeReal(ByteCursor& in, double centre, double scale) {
 
 int32_t TakeMode(ByteCursor& in) {
   const uint8_t sel = TakeByte(in);
-  if (sel < 0x80) return kDistortModeRemove;
-  if (sel < 0xF0) return kDistortModeApply;
+  if (sel < 0x80) return kModeRemove;
+  if (sel < 0xF0) return kModeApply;
   return TakeRaw<int32_t>(in);  // popup values no choice has
 }
 
@@ -177,22 +177,19 @@ void FillImage(World& image, uint32_t seed) {
   uint32_t state = seed | 1u;
   // Float images with an even seed also carry non-finite and extreme values.
   const bool specials = image.depth() == Depth::kFloat && (seed & 1u) == 0;
+  const float colorMax = PixelDepthOf(image.depth()).colorMax;
   for (int y = 0; y < image.height(); ++y) {
     for (int x = 0; x < image.width(); ++x) {
       for (int ch = 0; ch < 4; ++ch) {
         const uint32_t r = NextRandom(state);
         float v;
-        switch (image.depth()) {
-          case Depth::k8: v = static_cast<float>(r % 256); break;
-          case Depth::k16: v = static_cast<float>(r % 32769); break;
-          case Depth::kFloat:
-          default:
-            if (specials && r % 16 == 0) {
-              v = kSpecialPixels[(r >> 4) % (sizeof kSpecialPixels / sizeof(float))];
-            } else {
-              v = static_cast<float>(r % 2001) / 1000.0f - 0.5f;
-            }
-            break;
+        if (image.depth() != Depth::kFloat) {
+          // Every value of the depth, 0 .. its maximum.
+          v = static_cast<float>(r % (static_cast<uint32_t>(colorMax) + 1u));
+        } else if (specials && r % 16 == 0) {
+          v = kSpecialPixels[(r >> 4) % (sizeof kSpecialPixels / sizeof(float))];
+        } else {
+          v = static_cast<float>(r % 2001) / 1000.0f - 0.5f;
         }
         image.Set(x, y, ch, v);
       }

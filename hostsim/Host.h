@@ -24,6 +24,7 @@
 #include "AE_EffectCB.h"
 #include "AE_EffectCBSuites.h"
 #include "AE_EffectSuites.h"
+#include "common/EffectParams.h"
 #include "hostsim/PluginDescription.h"
 #include "hostsim/World.h"
 
@@ -56,18 +57,17 @@ class PluginModule {
 // The values the host's parameter checkout returns, in user units. Sizes are in pixels and
 // are handed to the effect as 16.16 fixed-point point parameters.
 struct ParamValues {
-  int mode = 1;     // 1 Remove, 2 Apply
-  int filter = 4;   // 1 Built-in .. 6 Mitchell-Netravali
+  int mode = kModeRemove;
+  int filter = kFilterLanczos2;
   double distortion = 0, cubic = 0, quartic = 0;  // the X1000 slider values
-  double zoom = 1;
+  double zoom = kZoomRange.dephault;
   double distortedWidth = 1920, distortedHeight = 1080;
-  double pixelAspect = 1;
+  double pixelAspect = kPixelAspectRange.dephault;
   double undistortedWidth = 1920, undistortedHeight = 1080;
 };
 
-// Pixels to 16.16 fixed point as the host stores point parameters: rounded to nearest,
-// saturated to the int32 range, NaN as 0.
-PF_Fixed PixelsToFixed(double pixels);
+// Point parameters reach the effect as 16.16 fixed point through PixelsToFixed
+// (common/EffectParams.h), the conversion the effect uses for the host's sampler.
 
 // Host calls that can be made to fail on demand.
 enum class HostCall {

@@ -1,11 +1,54 @@
-// Internal to the substitute host: the C callbacks the effect calls, and how each finds the
-// Host it belongs to.
+// Internal to the substitute host: the C callbacks the effect calls, how each finds the Host
+// it belongs to, and what the host's source files share (Callbacks.cpp, Suites.cpp,
+// Iterate.cpp).
 #ifndef VT_HOSTSIM_HOSTCALLBACKS_H
 #define VT_HOSTSIM_HOSTCALLBACKS_H
 
 #include "hostsim/Host.h"
 
 namespace hostsim {
+
+// The basic suite's error for a malformed call ('Parm').
+constexpr SPErr kSPBadParameterError = 0x5061726D;
+// The largest block host_new_handle hands out; larger requests fail like an exhausted heap.
+constexpr uint64_t kMaxHandleBytes = uint64_t{1} << 32;
+
+// Sub-pixel sampler calls made by one thread's share of an iterate, counted here and added
+// to the host's totals when the share ends: two shared atomic counters per pixel would have
+// the iterate threads fight over one cache line.
+struct SubpixelTally {
+  Host* host = nullptr;
+  int calls = 0;
+};
+extern thread_local SubpixelTally subpixel_tally;
+
+// The entry points of the utility callbacks and suites, each defined once: the ANSI
+// functions, pixel addresses and samplers in Callbacks.cpp, iterate in Iterate.cpp.
+PF_ANSICallbacksSuite1 AnsiFunctions();
+PF_Err GetPixelData8(PF_EffectWorld* w, PF_PixelPtr p, PF_Pixel8** out);
+PF_Err GetPixelData16(PF_EffectWorld* w, PF_PixelPtr p, PF_Pixel16** out);
+PF_Err GetPixelDataFloat(PF_EffectWorld* w, PF_PixelPtr p, PF_PixelFloat** out);
+PF_Err SubpixelSample8(PF_ProgPtr r, PF_Fixed x, PF_Fixed y, const PF_SampPB* p, PF_Pixel* d);
+PF_Err SubpixelSample16(PF_ProgPtr r, PF_Fixed x, PF_Fixed y, const PF_SampPB* p,
+                        PF_Pixel16* d);
+PF_Err SubpixelSampleFloat(PF_ProgPtr r, PF_Fixed x, PF_Fixed y, const PF_SampPB* p,
+                           PF_PixelFloat* d);
+PF_Err NearestSample8(PF_ProgPtr r, PF_Fixed x, PF_Fixed y, const PF_SampPB* p, PF_Pixel* d);
+PF_Err NearestSample16(PF_ProgPtr r, PF_Fixed x, PF_Fixed y, const PF_SampPB* p,
+                       PF_Pixel16* d);
+PF_Err NearestSampleFloat(PF_ProgPtr r, PF_Fixed x, PF_Fixed y, const PF_SampPB* p,
+                          PF_PixelFloat* d);
+PF_Err Iterate8(PF_InData* in_data, A_long base, A_long final, PF_EffectWorld* src,
+                const PF_Rect* area, void* refcon,
+                PF_Err (*fn)(void*, A_long, A_long, PF_Pixel*, PF_Pixel*), PF_EffectWorld* dst);
+PF_Err Iterate16(PF_InData* in_data, A_long base, A_long final, PF_EffectWorld* src,
+                 const PF_Rect* area, void* refcon,
+                 PF_Err (*fn)(void*, A_long, A_long, PF_Pixel16*, PF_Pixel16*),
+                 PF_EffectWorld* dst);
+PF_Err IterateFloat(PF_InData* in_data, A_long base, A_long final, PF_EffectWorld* src,
+                    const PF_Rect* area, void* refcon,
+                    PF_Err (*fn)(void*, A_long, A_long, PF_PixelFloat*, PF_PixelFloat*),
+                    PF_EffectWorld* dst);
 
 struct HostCallbacks {
   // The host of this thread's command or iterate row, else the newest live host.
@@ -67,7 +110,8 @@ struct HostCallbacks {
   static PF_Err CheckinLayerPixels(PF_ProgPtr effect_ref, A_long checkout_idL);
   static PF_Err CheckoutOutput(PF_ProgPtr effect_ref, PF_EffectWorld** output);
 
-  // Shared by the iterate suites and the utility callbacks.
+  // Shared by the iterate suites and the utility callbacks (Iterate.cpp).
+  static void FinishIterate(Host* host, IterateRecord record, std::vector<int> rows);
   template <typename Pixel>
   static PF_Err Iterate(int depthBits, PF_InData* in_data, A_long progress_base,
                         A_long progress_final, PF_EffectWorld* src, const PF_Rect* area,

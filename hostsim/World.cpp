@@ -8,30 +8,9 @@
 
 namespace hostsim {
 
-int PixelBytes(Depth depth) {
-  switch (depth) {
-    case Depth::k8: return 4;
-    case Depth::k16: return 8;
-    case Depth::kFloat: return 16;
-  }
-  return 4;
-}
-
-PF_PixelFormat PixelFormatOf(Depth depth) {
-  switch (depth) {
-    case Depth::k8: return PF_PixelFormat_ARGB32;
-    case Depth::k16: return PF_PixelFormat_ARGB64;
-    case Depth::kFloat: return PF_PixelFormat_ARGB128;
-  }
-  return PF_PixelFormat_INVALID;
-}
-
 PF_PixelFormat PixelFormatOfWorld(const PF_EffectWorld& world) {
   const A_long code = world.reserved_long3;
-  if (code == PF_PixelFormat_ARGB32 || code == PF_PixelFormat_ARGB64 ||
-      code == PF_PixelFormat_ARGB128) {
-    return code;
-  }
+  if (BitDepthOfHostFormat(code) != 0) return code;
   return (world.world_flags & PF_WorldFlag_DEEP) ? PF_PixelFormat_ARGB64
                                                  : PF_PixelFormat_ARGB32;
 }
@@ -81,10 +60,7 @@ World::World(LentTag, const World& layer, const PF_LRect& rect)
 
 std::unique_ptr<World> World::Lend(const World& layer, const PF_LRect& rect) {
   const PF_LRect lb = layer.Bounds();
-  if (rect.left >= rect.right || rect.top >= rect.bottom || rect.left < lb.left ||
-      rect.top < lb.top || rect.right > lb.right || rect.bottom > lb.bottom) {
-    return nullptr;
-  }
+  if (!RectInside(rect, lb)) return nullptr;
   return std::unique_ptr<World>(new World(LentTag{}, layer, rect));
 }
 
@@ -100,58 +76,37 @@ PF_LRect World::Bounds() const {
 
 namespace {
 
-// Round to nearest, halves away from zero, after clamping to [0, max]; NaN gives 0.
+// Round to nearest, halves away from zero, after clamping to [0, max]; NaN gives 0. Float
+// channels store the value as given.
 template <typename T>
-T ToInteger(float value, float max) {
+T ToChannel(float value, float max) {
   if (!(value > 0.0f)) return 0;  // also NaN
   if (value >= max) return static_cast<T>(max);
   return static_cast<T>(std::floor(value + 0.5f));
+}
+template <>
+float ToChannel<float>(float value, float) {
+  return value;
 }
 
 }  // namespace
 
 float World::Get(int x, int y, int c) const {
-  switch (depth_) {
-    case Depth::k8: {
-      const PF_Pixel* p = Pixel8(x, y);
-      const A_u_char v[4] = {p->alpha, p->red, p->green, p->blue};
-      return v[c];
-    }
-    case Depth::k16: {
-      const PF_Pixel16* p = Pixel16(x, y);
-      const A_u_short v[4] = {p->alpha, p->red, p->green, p->blue};
-      return v[c];
-    }
-    case Depth::kFloat: {
-      const PF_PixelFloat* p = PixelF(x, y);
-      const float v[4] = {p->alpha, p->red, p->green, p->blue};
-      return v[c];
-    }
-  }
-  return 0.0f;
+  return ForPixelDepth(depth_, [&](auto depth) {
+    const auto* p = At<typename HostPixel<decltype(depth)::kBits>::Type>(x, y);
+    const float v[4] = {static_cast<float>(p->alpha), static_cast<float>(p->red),
+                        static_cast<float>(p->green), static_cast<float>(p->blue)};
+    return v[c];
+  });
 }
 
 void World::Set(int x, int y, int c, float value) {
-  switch (depth_) {
-    case Depth::k8: {
-      PF_Pixel* p = Pixel8(x, y);
-      A_u_char* v[4] = {&p->alpha, &p->red, &p->green, &p->blue};
-      *v[c] = ToInteger<A_u_char>(value, PF_MAX_CHAN8);
-      break;
-    }
-    case Depth::k16: {
-      PF_Pixel16* p = Pixel16(x, y);
-      A_u_short* v[4] = {&p->alpha, &p->red, &p->green, &p->blue};
-      *v[c] = ToInteger<A_u_short>(value, PF_MAX_CHAN16);
-      break;
-    }
-    case Depth::kFloat: {
-      PF_PixelFloat* p = PixelF(x, y);
-      float* v[4] = {&p->alpha, &p->red, &p->green, &p->blue};
-      *v[c] = value;
-      break;
-    }
-  }
+  ForPixelDepth(depth_, [&](auto depth) {
+    auto* p = At<typename HostPixel<decltype(depth)::kBits>::Type>(x, y);
+    using Channel = decltype(p->alpha);
+    Channel* v[4] = {&p->alpha, &p->red, &p->green, &p->blue};
+    *v[c] = ToChannel<Channel>(value, decltype(depth)::kInfo.colorMax);
+  });
 }
 
 void World::Fill(float a, float r, float g, float b) {

@@ -9,13 +9,31 @@
 #include <vector>
 
 #include "AE_Effect.h"
+#include "common/PixelDepth.h"
+#include "common/Rect.h"
 
 namespace hostsim {
 
-enum class Depth { k8 = 8, k16 = 16, kFloat = 32 };
+using ::Depth;
 
-int PixelBytes(Depth depth);             // 4, 8 or 16
-PF_PixelFormat PixelFormatOf(Depth depth);
+inline int PixelBytes(Depth depth) { return PixelDepthOf(depth).bytes; }  // 4, 8 or 16
+inline PF_PixelFormat PixelFormatOf(Depth depth) { return PixelDepthOf(depth).hostFormat; }
+
+// The host's pixel record of each depth.
+template <int Bits>
+struct HostPixel;
+template <>
+struct HostPixel<8> {
+  using Type = PF_Pixel;
+};
+template <>
+struct HostPixel<16> {
+  using Type = PF_Pixel16;
+};
+template <>
+struct HostPixel<32> {
+  using Type = PF_PixelFloat;
+};
 
 // The pixel format of a world as the host's world suite reports it. Worlds made here carry
 // their format code in `reserved_long3` (the host's own field; effects never read it), so
@@ -62,6 +80,10 @@ class World {
 
   uint8_t* Row(int y) { return base_ + static_cast<size_t>(y) * world_.rowbytes; }
   const uint8_t* Row(int y) const { return base_ + static_cast<size_t>(y) * world_.rowbytes; }
+  template <typename Pixel>
+  Pixel* At(int x, int y) { return reinterpret_cast<Pixel*>(Row(y)) + x; }
+  template <typename Pixel>
+  const Pixel* At(int x, int y) const { return reinterpret_cast<const Pixel*>(Row(y)) + x; }
   PF_Pixel* Pixel8(int x, int y) { return reinterpret_cast<PF_Pixel*>(Row(y)) + x; }
   PF_Pixel16* Pixel16(int x, int y) { return reinterpret_cast<PF_Pixel16*>(Row(y)) + x; }
   PF_PixelFloat* PixelF(int x, int y) { return reinterpret_cast<PF_PixelFloat*>(Row(y)) + x; }

@@ -51,32 +51,10 @@ std::unique_ptr<hostsim::World> MakeLayer(hostsim::Depth depth, int width, int h
       const float r = compare::PatternValue(x, y, 0, width, height);
       const float g = compare::PatternValue(x, y, 1, width, height);
       const float b = compare::PatternValue(x, y, 2, width, height);
-      switch (depth) {
-        case hostsim::Depth::k8: {
-          PF_Pixel* p = world->Pixel8(x, y);
-          p->alpha = static_cast<A_u_char>(a * 255.0f + 0.5f);
-          p->red = static_cast<A_u_char>(r * 255.0f + 0.5f);
-          p->green = static_cast<A_u_char>(g * 255.0f + 0.5f);
-          p->blue = static_cast<A_u_char>(b * 255.0f + 0.5f);
-          break;
-        }
-        case hostsim::Depth::k16: {
-          PF_Pixel16* p = world->Pixel16(x, y);
-          p->alpha = static_cast<A_u_short>(a * 32768.0f + 0.5f);
-          p->red = static_cast<A_u_short>(r * 32768.0f + 0.5f);
-          p->green = static_cast<A_u_short>(g * 32768.0f + 0.5f);
-          p->blue = static_cast<A_u_short>(b * 32768.0f + 0.5f);
-          break;
-        }
-        case hostsim::Depth::kFloat: {
-          PF_PixelFloat* p = world->PixelF(x, y);
-          p->alpha = a;
-          p->red = r;
-          p->green = g;
-          p->blue = b;
-          break;
-        }
-      }
+      // Integer depths: the value scaled to the depth's maximum and rounded.
+      const float scale = depth == hostsim::Depth::kFloat ? 1.0f : PixelDepthOf(depth).colorMax;
+      const float values[4] = {a, r, g, b};
+      for (int c = 0; c < 4; ++c) world->Set(x, y, c, values[c] * scale);
     }
   }
   return world;

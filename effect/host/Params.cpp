@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr PF_Fixed kPointDefault = 100 << 16;  // 100 pixels in 16.16 fixed point
+constexpr PF_Fixed kPointDefault = kSizeDefaultPixels << 16;  // in 16.16 fixed point
 
 void SetPopup(PF_ParamDef& def, A_short numChoices, StringId choices, A_short dephault) {
   def.param_type = PF_Param_POPUP;
@@ -18,16 +18,15 @@ void SetPopup(PF_ParamDef& def, A_short numChoices, StringId choices, A_short de
   def.u.pd.u.namesptr = GetStringPtr(choices);
 }
 
-void SetFloatSlider(PF_ParamDef& def, float minimum, float maximum, float dephault,
-                    A_short precision) {
+void SetFloatSlider(PF_ParamDef& def, const SliderRange& range) {
   def.param_type = PF_Param_FLOAT_SLIDER;
-  def.u.fs_d.valid_min = minimum;
-  def.u.fs_d.slider_min = minimum;
-  def.u.fs_d.valid_max = maximum;
-  def.u.fs_d.slider_max = maximum;
-  def.u.fs_d.dephault = dephault;
-  def.u.fs_d.value = dephault;
-  def.u.fs_d.precision = precision;
+  def.u.fs_d.valid_min = static_cast<float>(range.minimum);
+  def.u.fs_d.slider_min = static_cast<float>(range.minimum);
+  def.u.fs_d.valid_max = static_cast<float>(range.maximum);
+  def.u.fs_d.slider_max = static_cast<float>(range.maximum);
+  def.u.fs_d.dephault = static_cast<float>(range.dephault);
+  def.u.fs_d.value = range.dephault;
+  def.u.fs_d.precision = range.precision;
 }
 
 void SetPoint(PF_ParamDef& def) {
@@ -42,27 +41,27 @@ StringId FillParamDef(int32_t index, PF_ParamDef& def) {
     case kParamMode:
       def.uu.id = kParamIdMode;
       def.flags = PF_ParamFlag_CANNOT_INTERP;
-      SetPopup(def, 2, kStrModeChoices, kModeRemove);
+      SetPopup(def, kModeChoices, kStrModeChoices, kModeRemove);
       return kStrModeName;
     case kParamFilter:
       def.uu.id = kParamIdFilter;
-      SetPopup(def, 6, kStrFilterChoices, kFilterLanczos2);
+      SetPopup(def, kFilterChoices, kStrFilterChoices, kFilterLanczos2);
       return kStrFilterName;
     case kParamDistortion:
       def.uu.id = kParamIdDistortion;
-      SetFloatSlider(def, -20000.0f, 20000.0f, 0.0f, 2);
+      SetFloatSlider(def, kCoefficientRange);
       return kStrDistortionName;
     case kParamCubic:
       def.uu.id = kParamIdCubic;
-      SetFloatSlider(def, -20000.0f, 20000.0f, 0.0f, 2);
+      SetFloatSlider(def, kCoefficientRange);
       return kStrCubicName;
     case kParamQuartic:
       def.uu.id = kParamIdQuartic;
-      SetFloatSlider(def, -20000.0f, 20000.0f, 0.0f, 2);
+      SetFloatSlider(def, kCoefficientRange);
       return kStrQuarticName;
     case kParamZoom:
       def.uu.id = kParamIdZoom;
-      SetFloatSlider(def, 0.0f, 10.0f, 1.0f, 3);
+      SetFloatSlider(def, kZoomRange);
       return kStrZoomName;
     case kParamDistortedSize:
       def.uu.id = kParamIdDistortedSize;
@@ -71,7 +70,7 @@ StringId FillParamDef(int32_t index, PF_ParamDef& def) {
     case kParamPixelAspect:
       def.uu.id = kParamIdPixelAspect;
       def.flags = PF_ParamFlag_CANNOT_INTERP;
-      SetFloatSlider(def, 0.1f, 10.0f, 1.0f, 3);
+      SetFloatSlider(def, kPixelAspectRange);
       return kStrPixelAspectName;
     case kParamUndistortedSize:
     default:

@@ -47,16 +47,6 @@ PF_Err ReadParams(PF_InData* in_data, VtAFXLensData& lens) {
   return err;
 }
 
-bool SameRect(const PF_LRect& a, const PF_LRect& b) {
-  return a.left == b.left && a.top == b.top && a.right == b.right && a.bottom == b.bottom;
-}
-
-void IntersectRect(PF_LRect& rect, const PF_LRect& with) {
-  rect.left = std::max(rect.left, with.left);
-  rect.top = std::max(rect.top, with.top);
-  rect.right = std::min(rect.right, with.right);
-  rect.bottom = std::min(rect.bottom, with.bottom);
-}
 
 }  // namespace
 
@@ -85,7 +75,7 @@ PF_Err SmartPreRender(PF_InData* in_data, PF_PreRenderExtra* extra) {
 
   // Output to input is the inverse of the effect's direction: Apply distorts, so its input
   // lies at the undistorted position of each output pixel.
-  const bool apply = lens.distortMode == kDistortModeApply;
+  const bool apply = lens.distortMode == kModeApply;
   const RectPointMap outToIn = apply ? UndistortMap : DistortMap;
   const RectPointMap inToOut = apply ? DistortMap : UndistortMap;
 

@@ -3,21 +3,6 @@
 #include <algorithm>
 #include <cmath>
 
-bool IsEmptyRect(const PF_LRect* rect) {
-  return rect->left >= rect->right || rect->top >= rect->bottom;
-}
-
-void UnionLRect(const PF_LRect* src, PF_LRect* dst) {
-  if (IsEmptyRect(dst)) {
-    *dst = *src;
-  } else if (!IsEmptyRect(src)) {
-    dst->left = std::min(dst->left, src->left);
-    dst->top = std::min(dst->top, src->top);
-    dst->right = std::max(dst->right, src->right);
-    dst->bottom = std::max(dst->bottom, src->bottom);
-  }
-}
-
 bool IsEdgePixel(PF_LRect* rect, int32_t x, int32_t y) {
   const bool onVerticalEdge =
       (x == rect->left || x == rect->right) && rect->top <= y && y <= rect->bottom;

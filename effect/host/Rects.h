@@ -1,19 +1,14 @@
-// Rectangle utilities of the smart pre-render. Rectangles are PF_LRect in layer pixels,
-// right and bottom exclusive.
+// Rectangle utilities of the smart pre-render (IsEmptyRect, UnionLRect and the other
+// helpers shared with the host: common/Rect.h).
 #ifndef VT_HOST_RECTS_H
 #define VT_HOST_RECTS_H
 
 #include <cstdint>
 
 #include "AE_Effect.h"
+#include "common/Rect.h"
 #include "lens/LensData.h"
 #include "lens/PointMapping.h"
-
-// True when left >= right or top >= bottom.
-bool IsEmptyRect(const PF_LRect* rect);
-
-// dst becomes the bounding box of both; an empty dst takes src, an empty src changes nothing.
-void UnionLRect(const PF_LRect* src, PF_LRect* dst);
 
 // True when (x, y) lies on the border line of rect, right and bottom edges included.
 bool IsEdgePixel(PF_LRect* rect, int32_t x, int32_t y);

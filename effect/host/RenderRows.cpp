@@ -1,11 +1,10 @@
 #include "host/RenderRows.h"
 
-#include <smmintrin.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
 
+#include "common/PixelDepth.h"
 #include "gulp/FGulp.h"
 #include "host/Params.h"
 #include "lens/RunMapping.h"
@@ -13,36 +12,12 @@
 #include "resample/ResampleData.h"
 #include "resample/Samplers.h"
 
-PF_Fixed PixelsToFixed(float x) {
-  const float fixed = x * 65536.0f;
-  if (!(fixed >= -2147483648.0f)) {  // also NaN
-    return INT32_MIN;
-  }
-  if (fixed >= 2147483648.0f) {
-    return INT32_MAX;
-  }
-  // The conversion rounds in the current mode, which the program leaves at nearest-even.
-  return _mm_cvtss_si32(_mm_set_ss(fixed));
-}
-
 namespace {
 
-// What the effect's samplers need to know about a pixel depth.
-struct DepthFormat {
-  int32_t pixelBytes;
-  int32_t bitDepth;
-  float colorMax;  // upper clip of the kernel sampler
-  float alphaMax;
-};
-
-constexpr DepthFormat kFormat8 = {4, 8, 255.0f, 255.0f};
-constexpr DepthFormat kFormat16 = {8, 16, 32768.0f, 32768.0f};
-constexpr DepthFormat kFormatFloat = {16, 32, 1.0e10f, 1.0f};
-
 // Per-depth pieces, chosen by overload on the pixel type.
-constexpr const DepthFormat& FormatOf(const PF_Pixel*) { return kFormat8; }
-constexpr const DepthFormat& FormatOf(const PF_Pixel16*) { return kFormat16; }
-constexpr const DepthFormat& FormatOf(const PF_PixelFloat*) { return kFormatFloat; }
+constexpr const PixelDepth& FormatOf(const PF_Pixel*) { return kPixelDepth8; }
+constexpr const PixelDepth& FormatOf(const PF_Pixel16*) { return kPixelDepth16; }
+constexpr const PixelDepth& FormatOf(const PF_PixelFloat*) { return kPixelDepthFloat; }
 
 PF_Err InputPixels(const RenderData& rd, PF_Pixel** pixels) {
   return rd.inData->utils->get_pixel_data8(rd.inputWorld, nullptr, pixels);
@@ -145,12 +120,12 @@ PF_Err DistortRow(void* refcon, A_long y, Pixel* out) {
     return err;
   }
 
-  const DepthFormat& format = FormatOf(out);
+  const PixelDepth& format = FormatOf(out);
   ResampleData resample;
   std::memset(&resample, 0, sizeof resample);
   resample.baseAddr = reinterpret_cast<char*>(pixels);
   resample.rowBytes = rd.inputWorld->rowbytes;
-  resample.pixelBytes = format.pixelBytes;
+  resample.pixelBytes = format.bytes;
   resample.bitDepth = format.bitDepth;
   resample.width = rd.inputWorld->width;
   resample.height = rd.inputWorld->height;

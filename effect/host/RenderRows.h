@@ -43,9 +43,4 @@ PF_Err DistortPixel16(void* refcon, A_long x, A_long y, PF_Pixel16* in, PF_Pixel
 PF_Err DistortPixelFloat(void* refcon, A_long x, A_long y, PF_PixelFloat* in,
                          PF_PixelFloat* out);
 
-// A position in pixels as the host's 16.16 fixed point: the product x * 65536 in single
-// precision, rounded to nearest (ties to even). Positions beyond the int32 range saturate;
-// NaN becomes the most negative value, far outside any image.
-PF_Fixed PixelsToFixed(float x);
-
 #endif

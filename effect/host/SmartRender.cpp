@@ -6,11 +6,20 @@
 #include "AE_EffectCB.h"
 #include "AE_EffectCBSuites.h"
 #include "AE_EffectSuites.h"
+#include "common/PixelDepth.h"
 #include "host/AEFX_SuiteHelper.h"
 #include "host/PreRender.h"
 #include "host/RenderRows.h"
 #include "host/SuiteHandler.h"
 #include "resample/KernelTables.h"
+
+static_assert(kPixelDepth8.hostFormat == PF_PixelFormat_ARGB32 &&
+                  kPixelDepth16.hostFormat == PF_PixelFormat_ARGB64 &&
+                  kPixelDepthFloat.hostFormat == PF_PixelFormat_ARGB128,
+              "the host's pixel format codes");
+static_assert(kPixelDepth8.bytes == sizeof(PF_Pixel) && kPixelDepth16.bytes == sizeof(PF_Pixel16) &&
+                  kPixelDepthFloat.bytes == sizeof(PF_PixelFloat),
+              "the host's pixel sizes");
 
 namespace {
 
@@ -61,19 +70,33 @@ PF_Err ClearOutput(const PF_WorldSuite2* worldSuite, PF_EffectWorld* output) {
   PF_PixelFormat format = PF_PixelFormat_INVALID;
   const PF_Err err = worldSuite->PF_GetPixelFormat(output, &format);
   if (err != PF_Err_NONE) return err;
-  size_t pixelBytes;
-  switch (format) {
-    case PF_PixelFormat_ARGB32: pixelBytes = sizeof(PF_Pixel); break;
-    case PF_PixelFormat_ARGB64: pixelBytes = sizeof(PF_Pixel16); break;
-    case PF_PixelFormat_ARGB128: pixelBytes = sizeof(PF_PixelFloat); break;
-    default: return PF_Err_BAD_CALLBACK_PARAM;
-  }
+  const size_t pixelBytes = ForPixelDepth(
+      BitDepthOfHostFormat(format), [](auto depth) { return size_t(depth.kInfo.bytes); },
+      [] { return size_t{0}; });
+  if (pixelBytes == 0) return PF_Err_BAD_CALLBACK_PARAM;
   if (output->data == nullptr || output->width <= 0) return PF_Err_NONE;
   char* row = reinterpret_cast<char*>(output->data);
   for (A_long y = 0; y < output->height; ++y, row += output->rowbytes) {
     std::memset(row, 0, static_cast<size_t>(output->width) * pixelBytes);
   }
   return PF_Err_NONE;
+}
+
+// The iterate suite of each depth over `area` with the row callback of that depth.
+PF_Err IterateRows(DepthTag<8>, AEGP_SuiteHandler& suites, PF_InData* in_data,
+                   const PF_Rect* area, RenderData* renderData, PF_EffectWorld* output) {
+  return suites.Iterate8Suite1()->iterate(in_data, 0, output->height, nullptr, area, renderData,
+                                          DistortPixel8, output);
+}
+PF_Err IterateRows(DepthTag<16>, AEGP_SuiteHandler& suites, PF_InData* in_data,
+                   const PF_Rect* area, RenderData* renderData, PF_EffectWorld* output) {
+  return suites.Iterate16Suite1()->iterate(in_data, 0, output->height, nullptr, area,
+                                           renderData, DistortPixel16, output);
+}
+PF_Err IterateRows(DepthTag<32>, AEGP_SuiteHandler& suites, PF_InData* in_data,
+                   const PF_Rect* area, RenderData* renderData, PF_EffectWorld* output) {
+  return suites.IterateFloatSuite1()->iterate(in_data, 0, output->height, nullptr, area,
+                                              renderData, DistortPixelFloat, output);
 }
 
 // Everything between acquiring and releasing the host suites. `err` is the acquisition's
@@ -126,22 +149,14 @@ PF_Err RenderFrame(PF_InData* in_data, AEGP_SuiteHandler& suites, const HostSuit
   const PF_Err formatErr =
       static_cast<const PF_WorldSuite2*>(host.world)->PF_GetPixelFormat(input, &format);
 
-  switch (format) {
-    case PF_PixelFormat_ARGB32:
-      if (formatErr != PF_Err_NONE) return formatErr;
-      return suites.Iterate8Suite1()->iterate(in_data, 0, output->height, nullptr, &area,
-                                              &renderData, DistortPixel8, output);
-    case PF_PixelFormat_ARGB64:
-      if (formatErr != PF_Err_NONE) return formatErr;
-      return suites.Iterate16Suite1()->iterate(in_data, 0, output->height, nullptr, &area,
-                                               &renderData, DistortPixel16, output);
-    case PF_PixelFormat_ARGB128:
-      if (formatErr != PF_Err_NONE) return formatErr;
-      return suites.IterateFloatSuite1()->iterate(in_data, 0, output->height, nullptr, &area,
-                                                  &renderData, DistortPixelFloat, output);
-    default:
-      return PF_Err_BAD_CALLBACK_PARAM;
-  }
+  // A format the effect does not know is refused whatever the format call returned.
+  return ForPixelDepth(
+      BitDepthOfHostFormat(format),
+      [&](auto depth) {
+        if (formatErr != PF_Err_NONE) return formatErr;
+        return IterateRows(depth, suites, in_data, &area, &renderData, output);
+      },
+      [] { return PF_Err(PF_Err_BAD_CALLBACK_PARAM); });
 }
 
 }  // namespace

@@ -9,14 +9,15 @@
 #include <cstdint>
 
 #include "AE_Effect.h"
+#include "common/EffectParams.h"
 
 // Lens polynomial r = u * (1 + quadratic*u^2 + cubic*u^3 + quartic*u^4) links an undistorted
 // radius u to a distorted radius r in normalised lens space (origin at the optical centre,
 // unit = half the undistorted frame's height).
 struct VtAFXLensData {
   // Parameters, as checked out.
-  int32_t distortMode;  // 1 Remove, 2 Apply; -1 before the first pre-render; not 2 = Remove
-  int32_t filterType;   // 1 Built-in, 2 Nearest, 3 BiLinear, 4 Lanczos-2, 5 Lanczos-3, 6 Mitchell
+  int32_t distortMode;  // kModeRemove, kModeApply; -1 before the first pre-render
+  int32_t filterType;   // kFilterBuiltIn .. kFilterMitchell
   double quadratic;     // DistortionX1000 / 1000
   double cubic;         // CubicX1000 / 1000
   double quartic;       // QuarticX1000 / 1000
@@ -67,8 +68,6 @@ static_assert(offsetof(VtAFXLensData, lanczos2Kernel) == 8352, "layout");
 static_assert(offsetof(VtAFXLensData, mitchellKernel) == 8368, "layout");
 
 constexpr int32_t kLensDataSize = static_cast<int32_t>(sizeof(VtAFXLensData));
-constexpr int32_t kDistortModeRemove = 1;
-constexpr int32_t kDistortModeApply = 2;
 constexpr int kInverseTableIntervals = 2048;
 
 // Derives the frame transform, output frame, coefficient copies, monotonic limit and table
@@ -80,9 +79,8 @@ void FindMonotonicLimit(VtAFXLensData& lens);
 // A point parameter coordinate (16.16 fixed) as a whole pixel count: converted to float,
 // scaled by 2^-16 and rounded to nearest, ties to even.
 int32_t PointToPixels(PF_Fixed v);
-// Stores the value of the checked-out parameter at `paramIndex` (1 DistortMode, 2 FilterType,
-// 3 DistortionX1000, 4 CubicX1000, 5 QuarticX1000, 6 ZoomFactor, 7 DistortedImgSize,
-// 8 PixelAspect, 9 UndistortedImgSize) into its parameter field: popups as delivered, the
+// Stores the value of the checked-out parameter at `paramIndex` (a ParamIndex) into its
+// parameter field: popups as delivered, the
 // coefficient sliders times 0.001 in double, zoom and pixel aspect as they are, the sizes
 // through PointToPixels. Other indices are ignored.
 void StoreLensParam(VtAFXLensData& lens, int32_t paramIndex, const PF_ParamDef& param);

@@ -37,18 +37,18 @@ int32_t PointToPixels(PF_Fixed v) {
 
 void StoreLensParam(VtAFXLensData& lens, int32_t paramIndex, const PF_ParamDef& param) {
   switch (paramIndex) {
-    case 1: lens.distortMode = param.u.pd.value; break;
-    case 2: lens.filterType = param.u.pd.value; break;
-    case 3: lens.quadratic = param.u.fs_d.value * 0.001; break;
-    case 4: lens.cubic = param.u.fs_d.value * 0.001; break;
-    case 5: lens.quartic = param.u.fs_d.value * 0.001; break;
-    case 6: lens.zoom = param.u.fs_d.value; break;
-    case 7:
+    case kParamMode: lens.distortMode = param.u.pd.value; break;
+    case kParamFilter: lens.filterType = param.u.pd.value; break;
+    case kParamDistortion: lens.quadratic = param.u.fs_d.value * 0.001; break;
+    case kParamCubic: lens.cubic = param.u.fs_d.value * 0.001; break;
+    case kParamQuartic: lens.quartic = param.u.fs_d.value * 0.001; break;
+    case kParamZoom: lens.zoom = param.u.fs_d.value; break;
+    case kParamDistortedSize:
       lens.distortedWidth = PointToPixels(param.u.td.x_value);
       lens.distortedHeight = PointToPixels(param.u.td.y_value);
       break;
-    case 8: lens.pixelAspect = param.u.fs_d.value; break;
-    case 9:
+    case kParamPixelAspect: lens.pixelAspect = param.u.fs_d.value; break;
+    case kParamUndistortedSize:
       lens.undistortedWidth = PointToPixels(param.u.td.x_value);
       lens.undistortedHeight = PointToPixels(param.u.td.y_value);
       break;
@@ -104,7 +104,7 @@ void SetupLensData(VtAFXLensData& lens) {
   const double aspect = (pu * wu) / hu;
   lens.frameAspect = static_cast<float>(aspect);
 
-  if (lens.distortMode == kDistortModeApply) {
+  if (lens.distortMode == kModeApply) {
     // Centred on the undistorted layer.
     lens.normScaleX = static_cast<float>((2.0 / wu) * aspect);
     lens.normScaleY = static_cast<float>(2.0 / hu);

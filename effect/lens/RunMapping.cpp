@@ -8,12 +8,15 @@
 #include "gulp/RoundingRoutes.h"
 #include "lens/PointMapping.h"
 
-// Remove and the table path of Apply run as one pass over the blocks of the run: each block of
-// 8 elements (two groups of four) goes through every step of the mapping before the next
-// block starts, with the same single-precision operations, operands and order as the run
-// operations named in the comments (muladd, sumsq, hypot, LUTscale, modf, gatherLUT, blend,
-// divCHKZ, mulmul, mul), so the results are those of running the steps run by run. Both
-// result runs take the shorter of the two position runs' lengths, as the run operations give.
+// The vector code below works on groups of four: lane l holds output pixel i + l of the step
+// (its x in one register, its y in another), and every lane goes through the same sequence of
+// single-precision IEEE operations, each rounded to nearest-even on its own: a product is
+// rounded before it is added (nothing is fused; the effect is built with -ffp-contract=off),
+// and the order of the operands is the order written. Each block of 8 elements (two groups)
+// goes through every step of the mapping before the next block starts. The run operation
+// that performs the same step on whole runs is named beside each line (muladd, sumsq, hypot,
+// LUTscale, modf, gatherLUT, blend, divCHKZ, mulmul, mul). Both result runs take the shorter
+// of the two position runs' lengths.
 
 void SolveUndistortRatios(const VtAFXLensData& lens, const FGulp& r, FGulp& ratio) {
   ratio.SetLen(r.len, 0);
@@ -95,8 +98,13 @@ void ForEachGroup(Positions positions, int n, FGulpPt& in, Group group) {
 }
 
 // Remove: an output pixel at undistorted radius m (after the zoom) reads the input at the
-// distorted radius P(m). The polynomial is evaluated as it is, beyond the limit too. Factor
-// computes f from s2 by the case of the coefficients.
+// distorted radius P(m). Per lane: xn = x*sx + ox and yn = y*sy + oy in lens space (the zoom
+// folded into sx, ox, sy, oy), s2 = xn*xn + yn*yn (both squares rounded, then the sum), the
+// factor f = P(m)/m from s2, then the input position (xn*f)*pixScale + pixOffset - origin.
+// The polynomial is evaluated as it is, beyond the limit too. Factor computes f from s2 by
+// the case of the coefficients, Horner-like with m = sqrt(s2) (rounded square root):
+//   k3, k4:  ((m*k3 + k2) + k4*s2)*s2 + 1      k4 only: (k4*s2 + k2)*s2 + 1
+//   k3 only: (m*k3 + k2)*s2 + 1                neither: s2*k2 + 1
 template <class Positions, class Factor>
 void RemoveRun(const VtAFXLensData& lens, Positions out, int n, FGulpPt& in,
                const BufferOrigin& origin, Factor factor) {
@@ -144,7 +152,11 @@ void Remove(const VtAFXLensData& lens, Positions out, int n, FGulpPt& in,
 }
 
 // Apply through the inverse table: an output pixel at distorted radius r reads the input at
-// the undistorted radius P^-1(r), interpolated in the table, scaled by the zoom.
+// the undistorted radius P^-1(r), interpolated in the table, scaled by the zoom. Per lane:
+// xn, yn as in Remove (without the zoom); r = sqrt(xn*xn + yn*yn); t = min(2048, max(0,
+// r*lutScale)); i = floor(t) and fraction t - i (exact); u = lo + (hi - lo)*frac with lo, hi
+// the table entries i and i + 1 (three roundings: difference, product, sum); ratio = u / r
+// (u / 1 at the centre); x_in = ((zoom*xn)*ratio)*pixScale + pixOffset - origin, y alike.
 template <class Route, class Positions>
 void ApplyTableRun(const VtAFXLensData& lens, Positions out, int n, FGulpPt& in,
                    const BufferOrigin& origin) {
@@ -206,13 +218,11 @@ void ApplySolved(const VtAFXLensData& lens, const FGulpPt& out, FGulpPt& in,
   if (origin.y != 0.0f) in.y -= origin.y;
 }
 
-}  // namespace
-
 void MapOutToBufferPt(const VtAFXLensData* lens, const FGulpPt& out, FGulpPt& in,
                       const BufferOrigin& origin) {
   const int n = std::min(out.x.len, out.y.len);
   const RunPositions positions{out.x.data(), out.y.data(), 0};
-  if (lens->distortMode != kDistortModeApply) {
+  if (lens->distortMode != kModeApply) {
     Remove(*lens, positions, n, in, origin);
   } else if (lens->tableValid != 0) {
     rounding::WithRoute([&](auto route) {
@@ -223,6 +233,8 @@ void MapOutToBufferPt(const VtAFXLensData* lens, const FGulpPt& out, FGulpPt& in
   }
 }
 
+}  // namespace
+
 void MapOutToInPt(const VtAFXLensData* lens, const FGulpPt& out, FGulpPt& in) {
   MapOutToBufferPt(lens, out, in, BufferOrigin{0.0f, 0.0f});
 }
@@ -230,7 +242,7 @@ void MapOutToInPt(const VtAFXLensData* lens, const FGulpPt& out, FGulpPt& in) {
 void MapRowStepToBufferPt(const VtAFXLensData* lens, const RowStep& step, FGulpPt& in,
                           const BufferOrigin& origin) {
   const int n = std::max(0, std::min(step.len, FGulp::kCapacity));
-  if (lens->distortMode == kDistortModeApply && lens->tableValid == 0) {
+  if (lens->distortMode == kModeApply && lens->tableValid == 0) {
     FGulpPt out;  // the solver works on stored runs
     out.x.SetLen(n, 0);
     out.y.SetLen(n, 0);
@@ -240,7 +252,7 @@ void MapRowStepToBufferPt(const VtAFXLensData* lens, const RowStep& step, FGulpP
     return;
   }
   const RowStepPositions positions{StartIota(step.x0, 1.0f), _mm_set1_ps(step.y)};
-  if (lens->distortMode != kDistortModeApply) {
+  if (lens->distortMode != kModeApply) {
     Remove(*lens, positions, n, in, origin);
   } else {
     rounding::WithRoute([&](auto route) {

@@ -16,12 +16,6 @@ struct BufferOrigin {
   float x, y;
 };
 
-// MapOutToInPt, then each input position less the buffer's origin (one subtraction per
-// element; a zero origin gives every position back bit for bit),
-// in the same pass: positions in the pixels of an input buffer placed at `origin`.
-void MapOutToBufferPt(const VtAFXLensData* lens, const FGulpPt& out, FGulpPt& in,
-                      const BufferOrigin& origin);
-
 // The output positions of one step of a row: x0, x0 + 1, ... (len of them, at most 64, as
 // FGulp::Iota(x0, 1) forms them) on row y.
 struct RowStep {
@@ -29,7 +23,10 @@ struct RowStep {
   int len;
 };
 
-// MapOutToBufferPt of the runs of a row step, without storing the output positions first.
+// MapOutToInPt of the runs of a row step, without storing the output positions first, then
+// each input position less the buffer's origin (one subtraction per element; a zero origin
+// gives every position back bit for bit), in the same pass: positions in the pixels of an
+// input buffer placed at `origin`.
 void MapRowStepToBufferPt(const VtAFXLensData* lens, const RowStep& step, FGulpPt& in,
                           const BufferOrigin& origin);
 

@@ -119,21 +119,15 @@ void SamplePix(const ResampleData* rd, const FGulpPt& pt, RGBAGulp& out) {
   int32_t offsets[FGulp::kCapacity];
   const int n = pt.x.len;
   IndexCalcT(pt, rd->rowBytes, rd->pixelBytes, offsets);
-  switch (rd->bitDepth) {
-    case 8: return LoadRun<8>(rd->baseAddr, offsets, n, out);
-    case 16: return LoadRun<16>(rd->baseAddr, offsets, n, out);
-    case 32: return LoadRun<32>(rd->baseAddr, offsets, n, out);
-    default: return;
-  }
+  ForPixelDepth(
+      rd->bitDepth,
+      [&](auto depth) { LoadRun<decltype(depth)::kBits>(rd->baseAddr, offsets, n, out); },
+      [] {});
 }
 
 void StorePix(const ResampleData* rd, const RGBAGulp& in, void* dst) {
   const int n = in.r.len;
   char* p = static_cast<char*>(dst);
-  switch (rd->bitDepth) {
-    case 8: return StoreRun<8>(in, n, p);
-    case 16: return StoreRun<16>(in, n, p);
-    case 32: return StoreRun<32>(in, n, p);
-    default: return;
-  }
+  ForPixelDepth(
+      rd->bitDepth, [&](auto depth) { StoreRun<decltype(depth)::kBits>(in, n, p); }, [] {});
 }

@@ -15,6 +15,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "common/PixelDepth.h"
+
 struct ChannelBlock {
   __m128 a, r, g, b;
 };
@@ -24,7 +26,7 @@ struct PixelFormatOf;
 
 template <>
 struct PixelFormatOf<8> {
-  static constexpr int kBytes = 4;
+  static constexpr int kBytes = kPixelDepth8.bytes;
 
   // One pixel as the vector (a, r, g, b).
   static __m128 LoadOne(const char* p) {
@@ -62,7 +64,7 @@ struct PixelFormatOf<8> {
 
 template <>
 struct PixelFormatOf<16> {
-  static constexpr int kBytes = 8;
+  static constexpr int kBytes = kPixelDepth16.bytes;
 
   static __m128 LoadOne(const char* p) {
     return _mm_cvtepi32_ps(
@@ -101,7 +103,7 @@ struct PixelFormatOf<16> {
 
 template <>
 struct PixelFormatOf<32> {
-  static constexpr int kBytes = 16;
+  static constexpr int kBytes = kPixelDepthFloat.bytes;
 
   static __m128 LoadOne(const char* p) { return _mm_loadu_ps(reinterpret_cast<const float*>(p)); }
 

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 
+#include "common/PixelDepth.h"
 #include "gulp/FGulp.h"
 
 // Filled (after zeroing) by the row callbacks once per row; owns neither image nor table.
@@ -15,7 +16,7 @@ struct ResampleData {
   char* baseAddr;       // first byte of the input image (its top-left pixel)
   int32_t rowBytes;     // bytes from one input row to the next
   int32_t pixelBytes;   // 4, 8 or 16
-  int32_t bitDepth;     // 8, 16 or 32 bits per channel
+  int32_t bitDepth;     // 8, 16 or 32 bits per channel (a PixelDepth's bitDepth)
   int32_t width;        // input size in pixels
   int32_t height;
   float colorMax;       // kernel sampler's upper clip of red, green, blue: 255, 32768, 1e10

@@ -1,13 +1,17 @@
 // Nearest, bilinear and table-driven kernel resampling of one run of source positions.
 //
-// Each sampler is its sequence of run operations (BringIntoRange, round or modf, the range
-// masks, clip, SamplePix, blend or the tap sums, the final rounding and clip, StorePix)
-// fused into one pass over groups of four pixels: every element goes through the same
-// single-precision operations with the same operands in the same order, with the rounding
-// route chosen once per call, so the bytes written are those of the steps run one after
-// another on whole runs (the kernel sampler keeps that form for records the fused loop does
-// not take). Only the pixel addresses are formed differently, with the same 32-bit
-// arithmetic, and pixels are loaded straight into vectors.
+// Each sampler makes one pass over groups of four pixels. Two register layouts are used:
+// position registers, where lane l holds pixel k + l of the group (its x, its y, a mask, a
+// weight), and pixel registers, where the four lanes are one pixel's channels in memory order
+// (alpha, red, green, blue). All arithmetic is single-precision IEEE, each operation rounded
+// to nearest-even on its own and in the order written (nothing is fused; -ffp-contract=off);
+// a mask is 1.0 or 0.0 and multiplies, so it keeps NaN and signed zeros as a product does.
+// Integer channels are loaded exactly (0..255 or 0..32768 as floats) and stored by truncation
+// of values that are already whole. Integral values (floor, round) come from the rounding
+// route chosen once per call from the processor's features; both routes agree on every
+// position once it is brought into [-2^30, 2^30]. Pixel addresses are byte offsets
+// y*rowBytes + x*pixelBytes in wrapping 32-bit integer arithmetic of the truncated
+// coordinates.
 #include "resample/Samplers.h"
 
 #include <smmintrin.h>
@@ -27,11 +31,6 @@ namespace {
 // rounding routes agree on every value in it, tap indices stay far from int32 overflow, and
 // NaN (taken as -2^30) and infinities land outside every image.
 constexpr float kPositionLimit = 1073741824.0f;  // 2^30
-
-void BringIntoRange(const FGulp& a, FGulp& out) {
-  out.fmax(a, -kPositionLimit);  // a NaN element fails a > s and becomes -2^30
-  out.fmin(out, kPositionLimit);
-}
 
 // The number of pixels of a run: the x and y runs have the same length; were they to differ,
 // the element-wise operations would end at the shorter one.
@@ -53,8 +52,8 @@ void StoreTransparent(const ResampleData* rd, int n, void* dst) {
 
 using rounding::Mask01;
 
-// BringIntoRange, four elements: the first operand of each comparison is the element, so a
-// NaN element becomes -2^30, as fmax and fmin give.
+// Four positions brought into range: lane l = min(2^30, max(-2^30, v[l])). maxps returns its
+// second operand when either is NaN, so a NaN lane becomes -2^30 (as FGulp::fmax gives).
 inline __m128 IntoRange(__m128 v) {
   return _mm_min_ps(_mm_max_ps(v, _mm_set1_ps(-kPositionLimit)), _mm_set1_ps(kPositionLimit));
 }
@@ -80,9 +79,9 @@ bool TapsAddressable(const ResampleData* rd) {
   return span < (int64_t{1} << 31) && rd->width <= (1 << 24);
 }
 
-// The nearest sampler's run operations fused into one pass over groups of four pixels, each
-// element going through the same operations in the same order: round, the in-range masks
-// before the clip, the clip, the load, the channels times (insideX * insideY), the store.
+// The nearest sampler, per lane of a group: gx = round(x) (halves to even), the mask
+// insideX = 1.0 where -1 <= gx <= (width - 1) + 1 (tested before the clip), gx clipped to
+// 0 .. width - 1; the same for y; then the pixel at (gx, gy) times insideX * insideY.
 //
 // The product insideX * insideY is 1.0 or 0.0. An integer channel is a small whole number,
 // so times 1.0 it stores back unchanged and times 0.0 as 0: the integer depths copy each
@@ -260,9 +259,13 @@ inline __m128 BiLinPixel(const char* p, const std::ptrdiff_t* d, __m128 fx, __m1
   return out;
 }
 
-// The bilinear sampler's run operations fused likewise: floor and fraction, the four clipped
-// neighbours, the two horizontal blends and the vertical one per channel, then the inside
-// mask (times it for float, times it and rounded for the integer depths).
+// The bilinear sampler. Per lane of the position registers: ix = floor(x), fx = x - ix (exact),
+// likewise iy, fy; inside = (0 <= ix <= width - 1 ? 1.0 : 0.0) * (0 <= iy <= height - 1 ?
+// 1.0 : 0.0) on the unclipped floors; the neighbours c00, c10, c01, c11 at the floors and the
+// floors + 1, each coordinate clipped into the image. Per pixel register (channels side by
+// side, fx and fy broadcast from the pixel's lane): top = c00 + (c10 - c00)*fx, bottom =
+// c01 + (c11 - c01)*fx, out = top + (bottom - top)*fy, three roundings per blend, then
+// out*inside; integer depths round that to the nearest integer (halves to even).
 //
 // Each pixel is worked as the vector of its four channels. When all four pixels of a group
 // have both neighbours of each axis inside the image, no coordinate is clipped, so the
@@ -364,13 +367,10 @@ void ForDepthAndRoute(const ResampleData* rd, const FGulpPt& pos, void* dst) {
   const int n = RunLength(pos);
   char* out = static_cast<char*>(dst);
   rounding::WithRoute([&](auto route) {
-    using Route = decltype(route);
-    switch (rd->bitDepth) {
-      case 8: return Run<8, Route>::Go(rd, pos, n, out);
-      case 16: return Run<16, Route>::Go(rd, pos, n, out);
-      case 32: return Run<32, Route>::Go(rd, pos, n, out);
-      default: return;
-    }
+    ForPixelDepth(
+        rd->bitDepth,
+        [&](auto depth) { Run<decltype(depth)::kBits, decltype(route)>::Go(rd, pos, n, out); },
+        [] {});
   });
 }
 
@@ -402,8 +402,8 @@ void BiLinSampler(ResampleData* rd, const FGulpPt& pos, void* dst) {
 
 namespace {
 
-// The widest kernel has 6 taps per axis; the fused loop keeps every tap column and row.
-constexpr int kMaxFusedTaps = 8;
+// The widest kernel has 6 taps per axis; the plan keeps every tap column and row.
+constexpr int kMaxTaps = 6;
 
 // One tap column (or row) of a run: the inside mask and the byte-offset term of the clipped
 // source coordinate, trunc(coordinate) * stride, as IndexCalcT forms it; computed once per
@@ -417,17 +417,17 @@ struct TapLine {
 // phase cell and every tap column and tap row.
 struct TapPlan {
   alignas(16) int32_t cellIndex[FGulp::kCapacity];
-  TapLine columns[kMaxFusedTaps];
-  TapLine rows[kMaxFusedTaps];
+  TapLine columns[kMaxTaps];
+  TapLine rows[kMaxTaps];
   // Per group of four: every tap column of all four pixels lies inside the image, so the
   // columns are unclipped and each pixel's taps of one tap row are consecutive pixels.
   bool columnsInside[FGulp::kCapacity / 4];
 };
 
-// clipoffsLE(0, firstTap, tap, maxIndex, inside) for the groups of four from `from` to `to`
-// (exclusive), with clipoffsLE's own instructions (v = firstTap + tap; inside = 1.0 where
-// 0 <= v <= maxIndex, ordered; clipped = min(maxIndex, max(0, v))), and the offset term of
-// each clipped coordinate. Offsets of lanes past the run's end (arbitrary coordinates) are
+// One tap column (or row) for the groups of four from `from` to `to` (exclusive), per lane:
+// v = firstTap + tap (a float sum of whole numbers, exact); inside = 1.0 where 0 <= v <=
+// maxIndex (false for NaN), else 0.0; clipped = min(maxIndex, max(0, v)); the offset term
+// trunc(clipped) * stride in 32-bit integers. Offsets of lanes past the run's end (arbitrary coordinates) are
 // masked to 0: pixel (0, 0).
 inline void MakeTapLine(const float* firstTap, const __m128i* laneMasks, float tap, float maxIndex,
                         int32_t stride, int from, int to, TapLine& line) {
@@ -442,11 +442,11 @@ inline void MakeTapLine(const float* firstTap, const __m128i* laneMasks, float t
   }
 }
 
-// The setup of the kernel sampler's run operations, fused into passes over groups of four
-// with the same operations in the same order: BringIntoRange; modfscaledoffs (floor, the
-// phase rounded down from (a - floor(a)) * P, the first tap floor(a) - tapOffset); the phase
-// held at P - 1 (fmin); the cell index (P*S)*py + S*px (muladdmul), truncated as gatherLUT
-// truncates it; then every tap row and column (clipoffsLE and the offset terms). The middle
+// The kernel sampler's plan, per lane of each group (P phases per pixel, S floats per cell):
+// a = the position brought into range; the first tap floor(a) - tapOffset (exact); the
+// phase floor((a - floor(a)) * P) (the product rounded, then rounded down), held at P - 1;
+// the cell index (P*S)*py + S*px, two products and a sum of whole numbers below 2^24, so
+// exact, truncated to an integer; then every tap row and column (MakeTapLine). The middle
 // tap columns are only needed for groups with a column outside the image: elsewhere every
 // column is inside, unclipped and one pixel after the previous one.
 template <class Route>
@@ -487,15 +487,9 @@ void PlanTaps(const ResampleData* rd, const FGulpPt& pos, int n, TapPlan& plan) 
                 plan.rows[j]);
   }
   const int taps = rd->tapsX;
-  if (taps <= 0) {
-    for (int k = 0; k < n; k += 4) plan.columnsInside[k / 4] = false;
-    return;
-  }
   MakeTapLine(firstTapX, laneMasks, 0.0f, xmax, rd->pixelBytes, 0, n, plan.columns[0]);
-  if (taps > 1) {
-    MakeTapLine(firstTapX, laneMasks, static_cast<float>(taps - 1), xmax, rd->pixelBytes, 0, n,
-                plan.columns[taps - 1]);
-  }
+  MakeTapLine(firstTapX, laneMasks, static_cast<float>(taps - 1), xmax, rd->pixelBytes, 0, n,
+              plan.columns[taps - 1]);
   const bool addressable = TapsAddressable(rd);
   const __m128 one = _mm_set1_ps(1.0f);
   for (int k = 0; k < n; k += 4) {
@@ -516,13 +510,12 @@ void PlanTaps(const ResampleData* rd, const FGulpPt& pos, int n, TapPlan& plan) 
   }
 }
 
-// The kernel-table weights of tap row j for the four pixels of a group: w[i] holds tap
-// column i, lane l taken from the cell of pixel l (a copy of the table's bits, as gatherLUT
-// makes). Taps 4 and 6 read whole rows of the cells and transpose them; 0 reads weight by
-// weight for any number of taps.
+// The kernel-table weights of tap row `row` for the four pixels of a group: w[i] holds tap
+// column i, lane l the weight from the cell of pixel l (a copy of the table's bits, as
+// gatherLUT makes). The rows of the four cells are loaded and transposed.
 template <int Taps>
 struct WeightRow {
-  static void Fetch(const float* const cells[4], int row, int, __m128* w) {
+  static void Fetch(const float* const cells[4], int row, __m128* w) {
     const int first = row * Taps;
     __m128 w0 = _mm_loadu_ps(cells[0] + first), w1 = _mm_loadu_ps(cells[1] + first);
     __m128 w2 = _mm_loadu_ps(cells[2] + first), w3 = _mm_loadu_ps(cells[3] + first);
@@ -545,30 +538,20 @@ struct WeightRow {
   }
 };
 
-template <>
-struct WeightRow<0> {
-  static void Fetch(const float* const cells[4], int row, int taps, __m128* w) {
-    for (int i = 0; i < taps; ++i) {
-      const int t = row * taps + i;
-      w[i] = _mm_setr_ps(cells[0][t], cells[1][t], cells[2][t], cells[3][t]);
-    }
-  }
-};
-
-// The kernel sampler's taps and its final steps, four pixels at a time, each tap's operations
-// exactly as the run operations do them and in the same order: weight = (w * insideColumn) *
-// insideRow (mulmul), channel = weight * pixel + channel (muladd) and weightSum = weightSum +
-// weight, tap rows outer and tap columns inner. The weights and their sum are kept across the
-// four pixels; the channel sums of each pixel are kept side by side (a, r, g, b), so a pixel
-// is loaded once per tap, and transposed into channels at the end. Then q = recipCHKZ(weight
-// sum) and each channel clip(0, q * sum, max), rounded before the clip at the integer depths
-// (mulroundclip, mulclip), and the store. Taps is tapsX = tapsY (4 or 6), or 0 for any counts
-// up to kMaxFusedTaps.
+// The kernel sampler's taps and its final steps, four pixels at a time. weight and weightSum
+// are position registers (lane l = pixel l); pixel0..3 are pixel registers holding each
+// pixel's channel sums (a, r, g, b). Tap rows outer, tap columns inner, every tap: weight =
+// (w * insideColumn) * insideRow, weightSum = weightSum + weight, and per pixel sum = weight
+// (its lane broadcast) * pixel + sum, the product rounded before the sum. After the last tap
+// the sums are transposed to one register per channel (lane l = pixel l); q = 1 / weightSum
+// (1 / 1 where the sum is +-0, when every sum is 0 too); each channel is q * sum, at the
+// integer depths rounded to the nearest integer (halves to even), then clipped to 0 .. max
+// (alphaMax for alpha, colorMax for colour). Taps is tapsX = tapsY (4 or 6).
 template <int BitDepth, int Taps, class Route>
 void KernelRun(const ResampleData* rd, const TapPlan& plan, int n, char* dst) {
   using Format = PixelFormatOf<BitDepth>;
-  const int tapsX = Taps ? Taps : rd->tapsX;
-  const int tapsY = Taps ? Taps : rd->tapsY;
+  constexpr int tapsX = Taps;
+  constexpr int tapsY = Taps;
   const char* base = rd->baseAddr;
   const float* table = rd->kernelTable;
   const __m128 zero = _mm_setzero_ps(), one = _mm_set1_ps(1.0f);
@@ -592,8 +575,8 @@ void KernelRun(const ResampleData* rd, const TapPlan& plan, int n, char* dst) {
         const char* p1 = base + _mm_extract_epi32(start, 1);
         const char* p2 = base + _mm_extract_epi32(start, 2);
         const char* p3 = base + _mm_extract_epi32(start, 3);
-        __m128 w[kMaxFusedTaps];
-        WeightRow<Taps>::Fetch(cells, j, tapsX, w);
+        __m128 w[Taps];
+        WeightRow<Taps>::Fetch(cells, j, w);
         for (int i = 0; i < tapsX; ++i) {
           // insideColumn is 1.0 for every column here.
           const __m128 weight = _mm_mul_ps(_mm_mul_ps(w[i], one), insideRow);
@@ -610,8 +593,8 @@ void KernelRun(const ResampleData* rd, const TapPlan& plan, int n, char* dst) {
       const TapLine& row = plan.rows[j];
       const __m128 insideRow = _mm_load_ps(row.inside + k);
       const __m128i rowOffset = _mm_load_si128(reinterpret_cast<const __m128i*>(row.offset + k));
-      __m128 w[kMaxFusedTaps];
-      WeightRow<Taps>::Fetch(cells, j, tapsX, w);
+      __m128 w[Taps];
+      WeightRow<Taps>::Fetch(cells, j, w);
       for (int i = 0; i < tapsX; ++i) {
         const TapLine& column = plan.columns[i];
         const __m128i offset = _mm_add_epi32(
@@ -651,84 +634,23 @@ void KernelRun(const ResampleData* rd, const TapPlan& plan, int n, char* dst) {
 
 template <int BitDepth, class Route>
 void KernelRunOfTaps(const ResampleData* rd, const TapPlan& plan, int n, char* dst) {
-  if (rd->tapsX == 4 && rd->tapsY == 4) {
+  if (rd->tapsX == 4) {
     KernelRun<BitDepth, 4, Route>(rd, plan, n, dst);
-  } else if (rd->tapsX == 6 && rd->tapsY == 6) {
-    KernelRun<BitDepth, 6, Route>(rd, plan, n, dst);
   } else {
-    KernelRun<BitDepth, 0, Route>(rd, plan, n, dst);
+    KernelRun<BitDepth, 6, Route>(rd, plan, n, dst);
   }
 }
 
-// The kernel sampler step by step on whole runs, for records the fused loop does not take:
-// more than kMaxFusedTaps taps, or a pixel depth it does not know (where nothing is loaded
-// or stored).
-void SamplerByRun(ResampleData* rd, const FGulpPt& pos, void* dst) {
-  const int n = pos.x.len;
-  const float xmax = static_cast<float>(rd->width - 1);
-  const float ymax = static_cast<float>(rd->height - 1);
-  const float phases = rd->phasesPerPixel;
-  const float stride = rd->phaseStride;
-
-  FGulp x, y;
-  BringIntoRange(pos.x, x);
-  BringIntoRange(pos.y, y);
-  FGulp firstTapX, firstTapY, phaseX, phaseY;
-  phaseX.modfscaledoffs(x, phases, -static_cast<float>(rd->tapOffsetX), firstTapX);
-  phaseY.modfscaledoffs(y, phases, -static_cast<float>(rd->tapOffsetY), firstTapY);
-  phaseX.fmin(phaseX, phases - 1.0f);
-  phaseY.fmin(phaseY, phases - 1.0f);
-  FGulp cell;
-  cell.muladdmul(phases * stride, phaseY, stride, phaseX);
-
-  FGulp red, green, blue, alpha, weightSum;
-  for (FGulp* sum : {&red, &green, &blue, &alpha, &weightSum}) {
-    sum->SetLen(n, 0);
-    sum->Constant(0.0f);
-  }
-  FGulpPt tap;
-  FGulp insideRow, insideColumn, weight;
-  RGBAGulp pixels;
-  for (int j = 0; j < rd->tapsY; ++j) {
-    tap.y.clipoffsLE(0.0f, firstTapY, static_cast<float>(j), ymax, insideRow);
-    for (int i = 0; i < rd->tapsX; ++i) {
-      tap.x.clipoffsLE(0.0f, firstTapX, static_cast<float>(i), xmax, insideColumn);
-      SamplePix(rd, tap, pixels);
-      weight.gatherLUT(rd->kernelTable + j * rd->tapsX + i, cell);
-      weight.mulmul(weight, insideColumn, insideRow);
-      red.muladd(weight, pixels.r, red);
-      green.muladd(weight, pixels.g, green);
-      blue.muladd(weight, pixels.b, blue);
-      alpha.muladd(weight, pixels.a, alpha);
-      weightSum += weight;
-    }
-  }
-
-  FGulp norm;
-  norm.recipCHKZ(weightSum);
-  RGBAGulp result;
-  if (rd->bitDepth == 32) {
-    result.r.mulclip(0.0f, norm, red, rd->colorMax);
-    result.g.mulclip(0.0f, norm, green, rd->colorMax);
-    result.b.mulclip(0.0f, norm, blue, rd->colorMax);
-    result.a.mulclip(0.0f, norm, alpha, rd->alphaMax);
-  } else {
-    result.r.mulroundclip(0.0f, norm, red, rd->colorMax);
-    result.g.mulroundclip(0.0f, norm, green, rd->colorMax);
-    result.b.mulroundclip(0.0f, norm, blue, rd->colorMax);
-    result.a.mulroundclip(0.0f, norm, alpha, rd->alphaMax);
-  }
-  StorePix(rd, result, dst);
+// The kernels have 4 by 4 (Lanczos-2, Mitchell-Netravali) or 6 by 6 taps (Lanczos-3).
+bool KnownKernel(const ResampleData* rd) {
+  return (rd->tapsX == 4 || rd->tapsX == 6) && rd->tapsY == rd->tapsX;
 }
 
 }  // namespace
 
 void Sampler(ResampleData* rd, const FGulpPt& pos, void* dst) {
-  if (ImageIsEmpty(rd) || rd->kernelTable == nullptr) return StoreTransparent(rd, pos.x.len, dst);
-  const bool knownDepth = rd->bitDepth == 8 || rd->bitDepth == 16 || rd->bitDepth == 32;
-  if (!knownDepth || rd->tapsX < 0 || rd->tapsX > kMaxFusedTaps || rd->tapsY < 0 ||
-      rd->tapsY > kMaxFusedTaps) {
-    return SamplerByRun(rd, pos, dst);
+  if (ImageIsEmpty(rd) || rd->kernelTable == nullptr || !KnownKernel(rd)) {
+    return StoreTransparent(rd, pos.x.len, dst);
   }
   // Taps outside the image weigh nothing; their clipped coordinates only keep the load inside
   // the image. The kernel is renormalised over the inside taps.
@@ -736,12 +658,13 @@ void Sampler(ResampleData* rd, const FGulpPt& pos, void* dst) {
   char* out = static_cast<char*>(dst);
   rounding::WithRoute([&](auto route) {
     using Route = decltype(route);
-    TapPlan plan;
-    PlanTaps<Route>(rd, pos, n, plan);
-    switch (rd->bitDepth) {
-      case 8: return KernelRunOfTaps<8, Route>(rd, plan, n, out);
-      case 16: return KernelRunOfTaps<16, Route>(rd, plan, n, out);
-      default: return KernelRunOfTaps<32, Route>(rd, plan, n, out);
-    }
+    ForPixelDepth(
+        rd->bitDepth,
+        [&](auto depth) {
+          TapPlan plan;
+          PlanTaps<Route>(rd, pos, n, plan);
+          KernelRunOfTaps<decltype(depth)::kBits, Route>(rd, plan, n, out);
+        },
+        [] {});
   });
 }

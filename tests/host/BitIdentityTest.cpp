@@ -425,7 +425,7 @@ void KernelByRun(ResampleData* rd, const FGulpPt& pos, void* dst) {
 // The run mapping as its steps on runs.
 void MapByRun(const VtAFXLensData& lens, const FGulpPt& out, FGulpPt& in) {
   FGulp xs, ys;
-  if (lens.distortMode == kDistortModeApply) {
+  if (lens.distortMode == kModeApply) {
     FGulp xn, yn, r, ratio;
     xn.muladd(out.x, lens.normScaleX, lens.normOffsetX);
     yn.muladd(out.y, lens.normScaleY, lens.normOffsetY);

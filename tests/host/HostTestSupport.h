@@ -41,7 +41,7 @@ inline const VtAFXLensData& LensOf(const hostsim::Host& host) {
 // width x height, in the given mode, built as the pre-render builds it. With power-of-two
 // sizes every step of the frame transform is exact, so the identity maps each pixel exactly
 // onto itself.
-VtAFXLensData MakeLens(int width, int height, int mode = kDistortModeRemove, double zoom = 1.0,
+VtAFXLensData MakeLens(int width, int height, int mode = kModeRemove, double zoom = 1.0,
                        int filterType = 2);
 
 // Pixel (x, y) of a pattern that differs from pixel to pixel in every channel, in the

@@ -54,7 +54,7 @@ class RowCallbacks : public ::testing::Test {
   void Prepare(Depth depth, int filterType, int width, int outX = 0, int outY = 0, int inX = 0,
                int inY = 0, double zoom = 1.0) {
     host_calls = HostCalls{};
-    lens = hosttest::MakeLens(kLayerWidth, kLayerHeight, kDistortModeRemove, zoom, filterType);
+    lens = hosttest::MakeLens(kLayerWidth, kLayerHeight, kModeRemove, zoom, filterType);
     input = std::make_unique<World>(depth, kLayerWidth, kLayerHeight, inX, inY, 12);
     hosttest::FillPattern(*input);
     outputWorld = PF_EffectWorld{};

@@ -12,21 +12,10 @@
 using hostsim::Depth;
 using hostsim::Host;
 using hostsim::HostCall;
-using hostsim::PixelsToFixed;
 using hostsim::World;
 using hostsim_test::Acquire;
 using hostsim_test::FakeEntry;
 using hostsim_test::ScopedEffect;
-
-TEST(Params, PixelsBecomeRoundedSaturatedFixedPoint) {
-  EXPECT_EQ(PixelsToFixed(1920), 1920 * 65536);
-  EXPECT_EQ(PixelsToFixed(-2.5), -163840);
-  EXPECT_EQ(PixelsToFixed(0.5 / 65536), 1);
-  EXPECT_EQ(PixelsToFixed(0.49 / 65536), 0);
-  EXPECT_EQ(PixelsToFixed(1e6), std::numeric_limits<PF_Fixed>::max());
-  EXPECT_EQ(PixelsToFixed(-1e6), std::numeric_limits<PF_Fixed>::min());
-  EXPECT_EQ(PixelsToFixed(std::nan("")), 0);
-}
 
 TEST(Params, AddedInOrderAndTheNthCanFail) {
   Host host(FakeEntry);

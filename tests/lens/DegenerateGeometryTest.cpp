@@ -96,8 +96,8 @@ TEST(DegenerateGeometryTest, NothingHangsCrashesOrOverflows) {
   lenstest::EnsureCpuChecked();
   const auto runs = TestRuns();
   for (const auto& c : Cases()) {
-    for (int mode : {kDistortModeRemove, kDistortModeApply}) {
-      SCOPED_TRACE(c.name + (mode == kDistortModeApply ? " (Apply)" : " (Remove)"));
+    for (int mode : {kModeRemove, kModeApply}) {
+      SCOPED_TRACE(c.name + (mode == kModeApply ? " (Apply)" : " (Remove)"));
       LensParams p = c.params;
       p.mode = mode;
       auto lens = MakeLens(p);
@@ -152,7 +152,7 @@ TEST(DegenerateGeometryTest, OutputFrameBoundsSaturate) {
   // An undefined horizontal extent (0 * infinity) gives 0; the vertical one is unaffected.
   p = LensParams();
   p.wu = 0;
-  p.mode = kDistortModeApply;
+  p.mode = kModeApply;
   lens = MakeLens(p);
   EXPECT_EQ(lens->maxResultRect.left, 0);
   EXPECT_EQ(lens->maxResultRect.right, 0);

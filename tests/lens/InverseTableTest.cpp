@@ -28,7 +28,7 @@ TEST(InverseTableTest, AccuracyFiguresForAWideFrame) {
       {0, 0.0002f, 1}, {-50, 0.0014f, 1}, {-200, 4.6f, 0}, {-20000, 0.41f, 1}, {100, 0.0005f, 1}};
   for (const auto& figure : figures) {
     SCOPED_TRACE(figure.quadX1000);
-    for (int mode : {kDistortModeRemove, kDistortModeApply}) {  // built the same in both
+    for (int mode : {kModeRemove, kModeApply}) {  // built the same in both
       LensParams p;
       p.quadX1000 = figure.quadX1000;
       p.mode = mode;
@@ -55,7 +55,7 @@ TEST(InverseTableTest, SamplesAgreeWithTheReferenceInverse) {
   // root are left out.
   std::mt19937 rng(99);
   for (int n = 0; n < 30; ++n) {
-    const LensParams p = lenstest::RandomParams(rng, kDistortModeApply);
+    const LensParams p = lenstest::RandomParams(rng, kModeApply);
     auto lens = MakeLens(p);
     const auto ref = MakeRef(p);
     SCOPED_TRACE(testing::Message() << "k " << p.quadX1000 << " " << p.cubeX1000 << " "

@@ -22,18 +22,18 @@ void ExpectRect(const PF_LRect& r, int left, int top, int right, int bottom) {
 
 TEST(LensSetupTest, MaxResultRectCoversTheUndistortedFrame) {
   LensParams p;  // defaults: 1920 x 1080 both sides, pixel aspect 1
-  p.mode = kDistortModeRemove;
+  p.mode = kModeRemove;
   ExpectRect(MakeLens(p)->maxResultRect, 0, 0, 1921, 1081);
-  p.mode = kDistortModeApply;
+  p.mode = kModeApply;
   ExpectRect(MakeLens(p)->maxResultRect, 0, 0, 1921, 1081);
 
   // Larger undistorted size: in Remove the frame is centred on the distorted layer, and the
   // top of -22.5 truncates toward zero.
   p.wu = 2000;
   p.hu = 1125;
-  p.mode = kDistortModeRemove;
+  p.mode = kModeRemove;
   ExpectRect(MakeLens(p)->maxResultRect, -40, -22, 1961, 1104);
-  p.mode = kDistortModeApply;
+  p.mode = kModeApply;
   ExpectRect(MakeLens(p)->maxResultRect, 0, 0, 2001, 1126);
 
   // Equal sizes with pixel aspect 2: the middle half of the layer width.
@@ -56,7 +56,7 @@ TEST(LensSetupTest, FrameTransformMatchesTheGeometry) {
   const double aspects[] = {1.0, 2.0, 4.0 / 3.0, 0.9, 0.1, 10.0};
   for (int n = 0; n < 60; ++n) {
     LensParams p;
-    p.mode = n % 2 == 0 ? kDistortModeRemove : kDistortModeApply;
+    p.mode = n % 2 == 0 ? kModeRemove : kModeApply;
     p.wd = size(rng);
     p.hd = size(rng);
     if (n % 3 == 0) {

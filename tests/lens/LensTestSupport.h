@@ -19,7 +19,7 @@ namespace lenstest {
 
 // Parameter values as the user enters them.
 struct LensParams {
-  int mode = kDistortModeRemove;
+  int mode = kModeRemove;
   double quadX1000 = 0.0;
   double cubeX1000 = 0.0;
   double quarX1000 = 0.0;
@@ -120,7 +120,7 @@ inline RefLens MakeRef(const LensParams& p) {
   // Vertical unit: half the undistorted height. Apply is centred on the undistorted layer
   // with pixels pu wide; Remove on the distorted layer, whose pixels are pa * pu wide.
   ref.sy = 2 / LD(p.hu);
-  if (p.mode == kDistortModeApply) {
+  if (p.mode == kModeApply) {
     ref.cx = LD(p.wu) / 2;
     ref.cy = LD(p.hu) / 2;
     ref.sx = pu * ref.sy;

@@ -22,7 +22,7 @@ VtPt Undistort(const VtAFXLensData& lens, VtPt p) {
 }
 
 TEST(PointMappingTest, ZeroCoefficientsGiveTheIdentity) {
-  for (int mode : {kDistortModeRemove, kDistortModeApply}) {
+  for (int mode : {kModeRemove, kModeApply}) {
     LensParams p;
     p.mode = mode;
     auto lens = MakeLens(p);
@@ -43,7 +43,7 @@ TEST(PointMappingTest, BarrelFiguresInBothModes) {
   // 1920 x 1080, pixel aspect 1, DistortionX1000 = -50.
   LensParams p;
   p.quadX1000 = -50;
-  p.mode = kDistortModeRemove;
+  p.mode = kModeRemove;
   auto remove = MakeLens(p);
   VtPt corner = DistortPt(*remove, {0, 0});
   EXPECT_NEAR(corner.x, 199.704, 0.001);
@@ -61,7 +61,7 @@ TEST(PointMappingTest, BarrelFiguresInBothModes) {
   // In Apply the corner lies at distorted radius 2.0397, beyond limitDistorted (1.63075):
   // the undistorted radius is held at the limit.
   p.zoom = 1.0;
-  p.mode = kDistortModeApply;
+  p.mode = kModeApply;
   auto apply = MakeLens(p);
   corner = Undistort(*apply, {0, 0});
   EXPECT_NEAR(corner.x, -19.888, 0.001);
@@ -81,11 +81,11 @@ TEST(PointMappingTest, ZoomMagnifiesInRemoveAndShrinksInApply) {
   // An output point at normalised radius 1 (540 pixels right of the centre).
   LensParams p;
   p.zoom = 2.0;
-  p.mode = kDistortModeRemove;
+  p.mode = kModeRemove;
   VtPt in = DistortPt(*MakeLens(p), {1500, 540});
   EXPECT_NEAR(in.x, 960 + 270, 1e-3);
   EXPECT_NEAR(in.y, 540, 1e-3);
-  p.mode = kDistortModeApply;
+  p.mode = kModeApply;
   in = Undistort(*MakeLens(p), {1500, 540});
   EXPECT_NEAR(in.x, 960 + 1080, 1e-3);
   EXPECT_NEAR(in.y, 540, 1e-3);
@@ -94,7 +94,7 @@ TEST(PointMappingTest, ZoomMagnifiesInRemoveAndShrinksInApply) {
 TEST(PointMappingTest, RadiiBeyondTheLimitHoldTheUndistortedRadius) {
   LensParams p;
   p.quadX1000 = -200;
-  p.mode = kDistortModeApply;
+  p.mode = kModeApply;
   auto lens = MakeLens(p);
   for (float r : {lens->limitDistorted, lens->limitDistorted * 1.5f, 40.0f, 1e30f}) {
     EXPECT_FLOAT_EQ(UndistortRatio(*lens, r) * r, lens->limitUndistorted) << r;
@@ -163,7 +163,7 @@ TEST(PointMappingTest, AgreesWithTheReferenceInsideTheLimit) {
   std::mt19937 rng(2024);
   int checked = 0;
   for (int n = 0; n < 120; ++n) {
-    const int mode = n % 2 == 0 ? kDistortModeRemove : kDistortModeApply;
+    const int mode = n % 2 == 0 ? kModeRemove : kModeApply;
     const LensParams p = lenstest::RandomParams(rng, mode);
     auto lens = MakeLens(p);
     const auto ref = MakeRef(p);

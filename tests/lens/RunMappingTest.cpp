@@ -54,12 +54,12 @@ std::vector<VtPt> Positions(const std::vector<TestPoint>& points) {
 TEST_F(RunMappingTest, ZeroCoefficientsGiveTheIdentityOnEveryPath) {
   std::vector<VtPt> points;
   for (int k = 0; k < 100; ++k) points.push_back({float(k * 19), float(k * 10.5)});
-  for (int mode : {kDistortModeRemove, kDistortModeApply}) {
+  for (int mode : {kModeRemove, kModeApply}) {
     LensParams p;
     p.mode = mode;
     auto lens = MakeLens(p);
     for (int valid : {1, 0}) {
-      if (mode == kDistortModeRemove && valid == 0) continue;
+      if (mode == kModeRemove && valid == 0) continue;
       lens->tableValid = valid;
       const auto mapped = MapRuns(*lens, points);
       for (size_t k = 0; k < points.size(); ++k) {
@@ -77,7 +77,7 @@ TEST_F(RunMappingTest, TheCentreMapsToTheOffsetOnEveryPath) {
   p.quadX1000 = -50;
   p.cubeX1000 = 30;
   p.quarX1000 = 12;
-  for (int mode : {kDistortModeRemove, kDistortModeApply}) {
+  for (int mode : {kModeRemove, kModeApply}) {
     p.mode = mode;
     auto lens = MakeLens(p);
     ASSERT_EQ(lens->tableValid, 1);
@@ -101,11 +101,11 @@ TEST_F(RunMappingTest, TheCentreMapsToTheOffsetOnEveryPath) {
 TEST_F(RunMappingTest, ZoomMagnifiesInRemoveAndShrinksInApply) {
   LensParams p;
   p.zoom = 2.0;
-  p.mode = kDistortModeRemove;
+  p.mode = kModeRemove;
   auto mapped = MapRuns(*MakeLens(p), {{1500, 540}, {960, 0}});
   EXPECT_NEAR(mapped[0].x, 960 + 270, 1e-3);
   EXPECT_NEAR(mapped[1].y, 540 - 270, 1e-3);
-  p.mode = kDistortModeApply;
+  p.mode = kModeApply;
   auto lens = MakeLens(p);
   for (int valid : {1, 0}) {
     lens->tableValid = valid;
@@ -154,7 +154,7 @@ TEST_F(RunMappingTest, ApplyHoldsTheLimitRadiusOnBothPaths) {
   // 2048 (fraction 0), the same radius up to rounding; far positions included.
   LensParams p;
   p.quadX1000 = -50;
-  p.mode = kDistortModeApply;
+  p.mode = kModeApply;
   auto lens = MakeLens(p);
   ASSERT_EQ(lens->tableValid, 1);
   const std::vector<VtPt> points = {{0, 0},     {1919, 1079}, {-5000, 540},
@@ -180,7 +180,7 @@ TEST_F(RunMappingTest, ApplyHoldsTheLimitRadiusOnBothPaths) {
 TEST_F(RunMappingTest, TheSolverComputesExactlyTheRunLength) {
   LensParams p;
   p.quadX1000 = -200;
-  p.mode = kDistortModeApply;
+  p.mode = kModeApply;
   auto lens = MakeLens(p);
   FGulp r;
   r.SetLen(13, 0);
@@ -220,13 +220,13 @@ double RunVsScalarTolerance(const VtAFXLensData& lens, VtPt scalar) {
 TEST_F(RunMappingTest, AgreesWithTheScalarMappingsInsideTheLimit) {
   std::mt19937 rng(31);
   for (int n = 0; n < 60; ++n) {
-    const int mode = n % 2 == 0 ? kDistortModeRemove : kDistortModeApply;
+    const int mode = n % 2 == 0 ? kModeRemove : kModeApply;
     LensParams p = lenstest::RandomParams(rng, mode);
     if (n % 4 == 0) p.zoom = 1.0;
     auto lens = MakeLens(p);
     const auto ref = MakeRef(p);
     SCOPED_TRACE(testing::Message() << "case " << n << ", zoom " << p.zoom);
-    if (mode == kDistortModeRemove) {
+    if (mode == kModeRemove) {
       const auto points = Positions(lenstest::ForwardPoints(*lens, ref, rng, 100));
       const auto mapped = MapRuns(*lens, points);
       for (size_t k = 0; k < points.size(); ++k) {
@@ -270,7 +270,7 @@ TEST_F(RunMappingTest, AgreesWithTheReferenceInsideTheLimit) {
   std::mt19937 rng(77);
   int tablesUsed = 0;
   for (int n = 0; n < 120; ++n) {
-    const int mode = n % 2 == 0 ? kDistortModeRemove : kDistortModeApply;
+    const int mode = n % 2 == 0 ? kModeRemove : kModeApply;
     const LensParams p = lenstest::RandomParams(rng, mode);
     auto lens = MakeLens(p);
     const auto ref = MakeRef(p);
@@ -278,7 +278,7 @@ TEST_F(RunMappingTest, AgreesWithTheReferenceInsideTheLimit) {
                                     << p.cubeX1000 << " " << p.quarX1000 << ", zoom " << p.zoom
                                     << ", " << p.wd << "x" << p.hd << " / " << p.wu << "x"
                                     << p.hu << ", pa " << p.pa);
-    const bool remove = mode == kDistortModeRemove;
+    const bool remove = mode == kModeRemove;
     const auto points = remove ? lenstest::ForwardPoints(*lens, ref, rng, 100)
                                : lenstest::InversePoints(*lens, ref, rng, 100);
     const auto positions = Positions(points);
@@ -339,9 +339,9 @@ TEST_F(RunMappingTest, RowStepsMapAsTheirStoredRuns) {
     double quad, cube, quar;
     int tableValid;
   };
-  const Case cases[] = {{kDistortModeRemove, -50, 0, 0, 1},  {kDistortModeRemove, 30, -20, 10, 1},
-                        {kDistortModeRemove, 20, 0, -5, 1},  {kDistortModeRemove, -10, 15, 0, 1},
-                        {kDistortModeApply, -50, 0, 0, 1},   {kDistortModeApply, -50, 0, 0, 0}};
+  const Case cases[] = {{kModeRemove, -50, 0, 0, 1},  {kModeRemove, 30, -20, 10, 1},
+                        {kModeRemove, 20, 0, -5, 1},  {kModeRemove, -10, 15, 0, 1},
+                        {kModeApply, -50, 0, 0, 1},   {kModeApply, -50, 0, 0, 0}};
   const float starts[] = {0.0f, -37.0f, 1913.0f, 16777200.0f, -16777230.0f};
   const BufferOrigin origins[] = {{0.0f, 0.0f}, {149.0f, -23.0f}};
   for (const Case& c : cases) {
