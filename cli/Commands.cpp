@@ -23,7 +23,6 @@
 
 namespace veltrisca {
 
-using hostsim::Depth;
 
 int RunInfo(const InfoCommand& command, const std::string& plugin, std::ostream& out) {
   LensSettings settings = ParseLensOptions(command.lens);
@@ -36,8 +35,8 @@ int RunInfo(const InfoCommand& command, const std::string& plugin, std::ostream&
     layer = frame.frame;
     other = frame.other;
     const float fileAspect = image.spec.get_float_attribute("PixelAspectRatio", 0.0f);
-    if (!settings.pixelAspectGiven && fileAspect >= kPixelAspectRange.min &&
-        fileAspect <= kPixelAspectRange.max) {
+    if (!settings.pixelAspectGiven && fileAspect >= kPixelAspectRange.minimum &&
+        fileAspect <= kPixelAspectRange.maximum) {
       settings.pixelAspect = fileAspect;
     }
   }
@@ -83,7 +82,7 @@ namespace {
 long long CheckedPixels(const PF_LRect& r, Depth depth, const std::string& what) {
   const long long w = static_cast<long long>(r.right) - r.left;
   const long long h = static_cast<long long>(r.bottom) - r.top;
-  const long long perPixel = hostsim::PixelBytes(depth);
+  const long long perPixel = PixelDepthOf(depth).bytes;
   if (w > INT_MAX || h > INT_MAX ||
       static_cast<unsigned long long>(w) * perPixel >
           hostsim::kMaxWorldBytes / static_cast<unsigned long long>(h)) {
@@ -168,7 +167,7 @@ int RunRender(const RenderCommand& command, const std::string& plugin, std::ostr
   PF_LRect window{};
   if (haveWindow) {
     window = ParseRect("--window", command.window);
-    if (IsEmpty(window)) throw UsageError("--window: " + command.window + " is empty");
+    if (IsEmptyRect(&window)) throw UsageError("--window: " + command.window + " is empty");
   }
   if (command.fit && settings.mode != kModeRemove) {
     throw UsageError("--fit chooses the undistorted size of a remove; apply takes it from the "
@@ -191,7 +190,7 @@ int RunRender(const RenderCommand& command, const std::string& plugin, std::ostr
   if (!settings.pixelAspectGiven) {
     const float fileAspect = input.spec.get_float_attribute("PixelAspectRatio", 0.0f);
     if (fileAspect > 0.0f && fileAspect != 1.0f) {
-      if (fileAspect < kPixelAspectRange.min || fileAspect > kPixelAspectRange.max) {
+      if (fileAspect < kPixelAspectRange.minimum || fileAspect > kPixelAspectRange.maximum) {
         throw IoError(command.input + ": its pixel aspect " + std::to_string(fileAspect) +
                       " is outside the effect's 0.1..10; give --pixel-aspect");
       }
@@ -219,7 +218,7 @@ int RunRender(const RenderCommand& command, const std::string& plugin, std::ostr
           ? ApplyWindow(back.lens.pixOffsetX, back.lens.pixOffsetY, sizes.distorted)
           : RemoveWindow(back.lens.maxResultRect, sizes);
   if (!haveWindow) {
-    if (IsEmpty(outFrame.rect)) {
+    if (IsEmptyRect(&outFrame.rect)) {
       throw EffectError("the effect's output frame " + RectText(back.lens.maxResultRect) +
                         " is empty; nothing to render");
     }

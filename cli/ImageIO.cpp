@@ -16,7 +16,6 @@
 
 namespace veltrisca {
 
-using hostsim::Depth;
 using hostsim::World;
 
 uint16_t FileToHost16(uint16_t v) {
@@ -32,21 +31,43 @@ uint16_t HostToFile16(uint16_t h) {
 
 namespace {
 
-OIIO::TypeDesc BufferType(Depth depth) {
-  switch (depth) {
-    case Depth::k8: return OIIO::TypeDesc::UINT8;
-    case Depth::k16: return OIIO::TypeDesc::UINT16;
-    case Depth::kFloat: return OIIO::TypeDesc::FLOAT;
-  }
-  return OIIO::TypeDesc::FLOAT;
+// A file buffer holds one host depth's channels as a plain type: 8-bit and float values as
+// the host has them, 16-bit values over the file's 0..65535 instead of the host's 0..32768.
+template <int Bits>
+struct FileSamples;
+template <>
+struct FileSamples<8> {
+  using T = uint8_t;
+  static constexpr OIIO::TypeDesc::BASETYPE kType = OIIO::TypeDesc::UINT8;
+  static T ToHost(T v) { return v; }
+  static T ToFile(T v) { return v; }
+};
+template <>
+struct FileSamples<16> {
+  using T = uint16_t;
+  static constexpr OIIO::TypeDesc::BASETYPE kType = OIIO::TypeDesc::UINT16;
+  static T ToHost(T v) { return FileToHost16(v); }
+  static T ToFile(T v) { return HostToFile16(v); }
+};
+template <>
+struct FileSamples<32> {
+  using T = float;
+  static constexpr OIIO::TypeDesc::BASETYPE kType = OIIO::TypeDesc::FLOAT;
+  static T ToHost(T v) { return v; }
+  static T ToFile(T v) { return v; }
+};
+
+int SampleBytes(Depth depth) { return PixelDepthOf(depth).bytes / 4; }
+
+}  // namespace
+
+OIIO::TypeDesc BufferTypeOf(Depth depth) {
+  return ForPixelDepth(depth, [](auto tag) {
+    return OIIO::TypeDesc(FileSamples<decltype(tag)::kBits>::kType);
+  });
 }
 
-int SampleBytes(Depth depth) { return depth == Depth::k8 ? 1 : depth == Depth::k16 ? 2 : 4; }
-
-template <typename T>
-T OpaqueValue(Depth depth) {
-  return depth == Depth::k8 ? T(255) : depth == Depth::k16 ? T(PF_MAX_CHAN16) : T(1);
-}
+namespace {
 
 // The file channels of one pass: alpha (-1: opaque) and up to three colour channels (-1:
 // an empty slot, 0).
@@ -321,10 +342,11 @@ InputImage OpenInputImage(const std::string& path, const std::string& alpha) {
   // Channels of different types travel as float, the type that holds them all.
   bool mixed = false;
   for (const OIIO::TypeDesc& t : s.channelformats) mixed |= (t != s.channelformats.front());
-  switch (mixed ? static_cast<int>(OIIO::TypeDesc::FLOAT) : static_cast<int>(s.format.basetype)) {
-    case OIIO::TypeDesc::UINT8: image.depth = Depth::k8; break;
-    case OIIO::TypeDesc::UINT16: image.depth = Depth::k16; break;
-    default: image.depth = Depth::kFloat; break;  // half, float and every other type
+  // 8- and 16-bit files go to the host at their own depth; half, float and every other type
+  // as float.
+  image.depth = Depth::kFloat;
+  for (const Depth d : {Depth::k8, Depth::k16}) {
+    if (!mixed && BufferTypeOf(d).basetype == s.format.basetype) image.depth = d;
   }
   return image;
 }
@@ -340,7 +362,7 @@ uint64_t FileBufferBytes(long long pixels, int channels, Depth depth) {
 
 uint64_t WorldBytes(long long pixels, Depth depth) {
   return static_cast<uint64_t>(std::max(pixels, 0LL)) *
-         static_cast<uint64_t>(hostsim::PixelBytes(depth));
+         static_cast<uint64_t>(PixelDepthOf(depth).bytes);
 }
 
 PixelBuffer ReadPixels(InputImage& image) {
@@ -356,7 +378,7 @@ PixelBuffer ReadPixels(InputImage& image) {
   // only that way: an error recorded while reading is a failed read. (Whatever opening left
   // behind is dropped first.)
   image.reader->geterror();
-  const bool read = image.reader->read_image(0, 0, 0, px.channels, BufferType(px.depth),
+  const bool read = image.reader->read_image(0, 0, 0, px.channels, BufferTypeOf(px.depth),
                                              px.bytes.data());
   const std::string readError = image.reader->geterror();
   if (!read || !readError.empty()) throw IoError(FileErrorText(image.path, readError));
@@ -370,24 +392,15 @@ std::unique_ptr<World> PassLayer(const InputImage& image, const PixelBuffer& px,
   auto layer = std::make_unique<World>(px.depth, w, h, originX, originY);
   const PassChannels p = ChannelsOfPass(image, pass);
   const size_t rowSamples = static_cast<size_t>(w) * n;
-  for (int y = 0; y < h; ++y) {
-    switch (px.depth) {
-      case Depth::k8:
-        ToWorldRow(px.bytes.data() + rowSamples * y, w, n, p, OpaqueValue<uint8_t>(Depth::k8),
-                   [](uint8_t v) { return v; }, reinterpret_cast<uint8_t*>(layer->Row(y)));
-        break;
-      case Depth::k16:
-        ToWorldRow(reinterpret_cast<const uint16_t*>(px.bytes.data()) + rowSamples * y, w, n, p,
-                   OpaqueValue<uint16_t>(Depth::k16), FileToHost16,
-                   reinterpret_cast<uint16_t*>(layer->Row(y)));
-        break;
-      case Depth::kFloat:
-        ToWorldRow(reinterpret_cast<const float*>(px.bytes.data()) + rowSamples * y, w, n, p,
-                   OpaqueValue<float>(Depth::kFloat), [](float v) { return v; },
-                   reinterpret_cast<float*>(layer->Row(y)));
-        break;
+  ForPixelDepth(px.depth, [&](auto tag) {
+    using Samples = FileSamples<decltype(tag)::kBits>;
+    using T = typename Samples::T;
+    const T opaque = static_cast<T>(decltype(tag)::kInfo.alphaMax);
+    for (int y = 0; y < h; ++y) {
+      ToWorldRow(reinterpret_cast<const T*>(px.bytes.data()) + rowSamples * y, w, n, p, opaque,
+                 Samples::ToHost, reinterpret_cast<T*>(layer->Row(y)));
     }
-  }
+  });
   return layer;
 }
 
@@ -457,21 +470,13 @@ void StorePass(const InputImage& input, const OutputLayout& layout, int pass,
     const size_t at = static_cast<size_t>(y - window.top) * rowSamples +
                       static_cast<size_t>(x0 - window.left) * n;
     const int count = static_cast<int>(x1 - x0);
-    switch (out->depth) {
-      case Depth::k8:
-        FromWorldRow(reinterpret_cast<const uint8_t*>(rendered->Pixel8(wx, wy)), count, n, p,
-                     alphaOut, [](uint8_t v) { return v; }, out->bytes.data() + at);
-        break;
-      case Depth::k16:
-        FromWorldRow(reinterpret_cast<const uint16_t*>(rendered->Pixel16(wx, wy)), count, n, p,
-                     alphaOut, HostToFile16, reinterpret_cast<uint16_t*>(out->bytes.data()) + at);
-        break;
-      case Depth::kFloat:
-        FromWorldRow(reinterpret_cast<const float*>(rendered->PixelF(wx, wy)), count, n, p,
-                     alphaOut, [](float v) { return v; },
-                     reinterpret_cast<float*>(out->bytes.data()) + at);
-        break;
-    }
+    ForPixelDepth(out->depth, [&](auto tag) {
+      using Samples = FileSamples<decltype(tag)::kBits>;
+      using T = typename Samples::T;
+      FromWorldRow(reinterpret_cast<const T*>(rendered->Row(wy)) + 4 * static_cast<size_t>(wx),
+                   count, n, p, alphaOut, Samples::ToFile,
+                   reinterpret_cast<T*>(out->bytes.data()) + at);
+    });
   }
 }
 

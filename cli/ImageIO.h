@@ -29,13 +29,15 @@ namespace veltrisca {
 // ways; host values above 32768 are clamped.
 uint16_t FileToHost16(uint16_t fileValue);
 uint16_t HostToFile16(uint16_t hostValue);
+// The sample type of a file buffer (PixelBuffer) of a host depth: uint8, uint16 or float.
+OIIO::TypeDesc BufferTypeOf(Depth depth);
 
 struct InputImage {
   std::string path;
   std::unique_ptr<OIIO::ImageInput> reader;  // open on subimage 0, mip level 0
   OIIO::ImageSpec spec;
   std::string format;  // the reader's name ("openexr", "png", ...)
-  hostsim::Depth depth = hostsim::Depth::k8;
+  Depth depth = Depth::k8;
   int channels = 0;
   int alphaIndex = -1;      // channel of alpha in the file, -1 without
   std::vector<int> colour;  // every other channel, in file order
@@ -58,7 +60,7 @@ int PassCount(const InputImage& image);
 // values, or float).
 struct PixelBuffer {
   int width = 0, height = 0, channels = 0;
-  hostsim::Depth depth = hostsim::Depth::k8;
+  Depth depth = Depth::k8;
   std::vector<uint8_t> bytes;
 };
 // Reads the pixels; closes the file. Throws CliError(kExitIo) on a failed read.
@@ -68,8 +70,8 @@ std::unique_ptr<hostsim::World> PassLayer(const InputImage& image, const PixelBu
                                           int pass, int originX, int originY);
 
 // Bytes of one interleaved buffer and of one host world.
-uint64_t FileBufferBytes(long long pixels, int channels, hostsim::Depth depth);
-uint64_t WorldBytes(long long pixels, hostsim::Depth depth);
+uint64_t FileBufferBytes(long long pixels, int channels, Depth depth);
+uint64_t WorldBytes(long long pixels, Depth depth);
 
 // The output file's channels, decided from the input before any rendering: the input's
 // channels in their order, with an alpha channel "A" added at the end when addAlpha is set

@@ -42,7 +42,7 @@ bool ToLongLong(const std::string& text, long long* value) {
 }  // namespace
 
 double ParseSlider(const std::string& option, const std::string& text, SliderRange range) {
-  const std::string rangeText = NumberText(range.min) + ".." + NumberText(range.max);
+  const std::string rangeText = NumberText(range.minimum) + ".." + NumberText(range.maximum);
   if (text.empty() || std::isspace(static_cast<unsigned char>(text[0]))) {
     throw UsageError(option + ": expected a number in " + rangeText + ", got " + Quoted(text));
   }
@@ -58,7 +58,7 @@ double ParseSlider(const std::string& option, const std::string& text, SliderRan
     throw UsageError(option + ": " + Quoted(text) + " is not a finite number; the range is " +
                      rangeText);
   }
-  if (v < range.min || v > range.max) {
+  if (v < range.minimum || v > range.maximum) {
     throw UsageError(option + ": " + text + " is outside the slider range " + rangeText);
   }
   return v;
@@ -121,8 +121,8 @@ int ParseFilter(const std::string& text) {
   static const char* const kNames[] = {"builtin", "nearest", "bilinear",
                                        "lanczos2", "lanczos3", "mitchell"};
   const std::string s = Lower(text);
-  for (int i = 0; i < 6; ++i) {
-    if (s == kNames[i]) return i + 1;
+  for (int i = 0; i < kFilterChoices; ++i) {
+    if (s == kNames[i]) return kFilterBuiltIn + i;
   }
   throw UsageError(
       "--filter: expected builtin, nearest, bilinear, lanczos2, lanczos3 or mitchell, got " +
@@ -134,7 +134,8 @@ const char* ModeName(int mode) { return mode == kModeApply ? "Apply" : "Remove";
 const char* FilterName(int filter) {
   static const char* const kNames[] = {"Built-in",  "Nearest",   "BiLinear",
                                        "Lanczos-2", "Lanczos-3", "Mitchell-Netravali"};
-  return (filter >= 1 && filter <= 6) ? kNames[filter - 1] : "?";
+  return (filter >= kFilterBuiltIn && filter <= kFilterChoices) ? kNames[filter - kFilterBuiltIn]
+                                                                : "?";
 }
 
 LensSettings ParseLensOptions(const LensOptionText& text) {
@@ -232,10 +233,9 @@ DefaultWindow ApplyWindow(float lensCentreX, float lensCentreY, ImageSize distor
   return w;
 }
 
-bool IsEmpty(const PF_LRect& r) { return r.left >= r.right || r.top >= r.bottom; }
 
 long long RectArea(const PF_LRect& r) {
-  if (IsEmpty(r)) return 0;
+  if (IsEmptyRect(&r)) return 0;
   return (static_cast<long long>(r.right) - r.left) * (static_cast<long long>(r.bottom) - r.top);
 }
 

@@ -8,6 +8,8 @@
 #include <string>
 
 #include "AE_Effect.h"
+#include "common/EffectParams.h"
+#include "common/Rect.h"
 #include "hostsim/Host.h"
 
 namespace veltrisca {
@@ -21,20 +23,10 @@ struct ImageSize {
 // cannot exceed 32767.
 constexpr int kMaxImageSide = 32767;
 
-struct SliderRange {
-  double min;
-  double max;
-};
-// The effect's slider ranges (valid range = slider range).
-constexpr SliderRange kCoefficientRange{-20000.0, 20000.0};  // distortion, cubic, quartic
-constexpr SliderRange kZoomRange{0.0, 10.0};
-constexpr SliderRange kPixelAspectRange{0.1, 10.0};
 constexpr int kMaxThreads = 1024;
 
-constexpr int kModeRemove = 1;
-constexpr int kModeApply = 2;
-
-// A finite number inside [range.min, range.max]; `option` names it in messages.
+// A finite number inside [range.minimum, range.maximum] (the effect's slider ranges, from
+// common/EffectParams.h); `option` names it in messages.
 double ParseSlider(const std::string& option, const std::string& text, SliderRange range);
 // "WxH" with whole positive numbers up to maxSide.
 ImageSize ParseSize(const std::string& option, const std::string& text,
@@ -107,7 +99,6 @@ DefaultWindow RemoveWindow(const PF_LRect& maxResultRect, const LensSizes& sizes
 // margin the window starts half a pixel left of (above) the centred position.
 DefaultWindow ApplyWindow(float lensCentreX, float lensCentreY, ImageSize distorted);
 
-bool IsEmpty(const PF_LRect& r);
 long long RectArea(const PF_LRect& r);  // 0 for an empty rectangle
 std::string RectText(const PF_LRect& r);  // "L,T,R,B"
 

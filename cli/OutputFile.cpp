@@ -212,12 +212,6 @@ OIIO::ImageSpec OutputSpec(const InputImage& input, const OutputLayout& layout,
   return spec;
 }
 
-OIIO::TypeDesc BufferTypeOf(hostsim::Depth depth) {
-  return depth == hostsim::Depth::k8    ? TypeDesc::UINT8
-         : depth == hostsim::Depth::k16 ? TypeDesc::UINT16
-                                        : TypeDesc::FLOAT;
-}
-
 }  // namespace
 
 void WriteOutput(const std::string& path, const std::string& shownPath, const InputImage& input,
