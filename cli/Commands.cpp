@@ -15,6 +15,7 @@
 #include "InfoReport.h"
 #include "Memory.h"
 #include "Session.h"
+#include "StMap.h"
 
 namespace veltrisca {
 
@@ -288,6 +289,27 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
                        "8, 16, half or float (default: half for .exr, float for .hdr, else 8)")
       ->type_name("D");
 
+  StMapCommand stmap;
+  CLI::App* stmapApp = app.add_subcommand(
+      "stmap", "Write the effect's output-to-input mapping as an ST map (32-bit float EXR)");
+  stmapApp->add_option("OUT", stmap.output, "output map, .exr (written whole or not at all)")
+      ->required();
+  AddLensOptions(stmapApp, &stmap.lens);
+  stmapApp->add_option("--size", stmap.size, "input frame size (the layer)")
+      ->type_name("WxH")
+      ->capture_default_str();
+  stmapApp->add_option("--like", stmap.like,
+                       "take the frame size, overscan and pixel aspect from this image")
+      ->type_name("IMAGE");
+  stmapApp->add_flag("--both", stmap.both,
+                     "remove map in R,G and apply map in B,A (coverage in remove.A, apply.A)");
+  stmapApp->add_option("--window", stmap.window,
+                       "data window in layer pixels, for overscan (default: the output frame)")
+      ->type_name("L,T,R,B");
+  stmapApp->add_option("--threads", stmap.threads, "render threads (0: all cores)")
+      ->type_name("N")
+      ->capture_default_str();
+
   if (const std::string unknown = UnknownCommand(app, args); !unknown.empty()) {
     err << "veltrisca: unknown command '" << OneLine(unknown) << "' (commands: "
         << CommandNames(app) << "; see veltrisca --help)\n";
@@ -310,6 +332,10 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
   try {
     if (*infoApp) return RunInfo(info, plugin, out);
     if (*renderApp) return RunRender(render, plugin, err);
+    if (*stmapApp) {
+      stmap.pixelAspectGiven = stmapApp->get_option("--pixel-aspect")->count() > 0;
+      return RunStMap(stmap, plugin, err);
+    }
     return RunChart(chart);
   } catch (const CliError& e) {
     err << "veltrisca: " << OneLine(e.what()) << "\n";
