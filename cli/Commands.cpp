@@ -13,6 +13,8 @@
 #include "CliError.h"
 #include "ImageIO.h"
 #include "InfoReport.h"
+#include "LensFile.h"
+#include "LensImport.h"
 #include "Memory.h"
 #include "Session.h"
 #include "StMap.h"
@@ -188,6 +190,17 @@ void AddLensOptions(CLI::App* sub, LensOptionText* lens) {
   sub->add_option("--undistorted-size", lens->undistortedSize,
                   "UndistortedImgSize (default: the input layer in apply, else the distorted size)")
       ->type_name("WxH");
+  sub->add_option("--lens", lens->file,
+                  "lens file (JSON) for every lens option not given on the command line")
+      ->type_name("FILE.json");
+}
+
+// Fills the lens options not given on the command line from --lens; returns the keys taken.
+std::vector<std::string> ApplyLensFile(const CLI::App* sub, LensOptionText* lens) {
+  if (lens->file.empty()) return {};
+  return MergeLensFile(lens->file, lens, [sub](const std::string& option) {
+    return sub->get_option(option)->count() > 0;
+  });
 }
 
 constexpr const char* kExitCodes =
@@ -310,6 +323,14 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
       ->type_name("N")
       ->capture_default_str();
 
+  LensCommand lens;
+  CLI::App* lensApp = app.add_subcommand(
+      "lens", "Write a lens file from the lens options, or import a lens from elsewhere");
+  AddLensOptions(lensApp, &lens.lens);
+  lensApp->add_option("-o,--output", lens.output, "lens file to write (default: standard output)")
+      ->type_name("FILE.json");
+  AddImportOptions(lensApp, &lens);
+
   if (const std::string unknown = UnknownCommand(app, args); !unknown.empty()) {
     err << "veltrisca: unknown command '" << OneLine(unknown) << "' (commands: "
         << CommandNames(app) << "; see veltrisca --help)\n";
@@ -330,11 +351,24 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
   }
 
   try {
-    if (*infoApp) return RunInfo(info, plugin, out);
-    if (*renderApp) return RunRender(render, plugin, err);
+    if (*infoApp) {
+      ApplyLensFile(infoApp, &info.lens);
+      return RunInfo(info, plugin, out);
+    }
+    if (*renderApp) {
+      ApplyLensFile(renderApp, &render.lens);
+      return RunRender(render, plugin, err);
+    }
     if (*stmapApp) {
-      stmap.pixelAspectGiven = stmapApp->get_option("--pixel-aspect")->count() > 0;
+      const std::vector<std::string> taken = ApplyLensFile(stmapApp, &stmap.lens);
+      stmap.pixelAspectGiven =
+          stmapApp->get_option("--pixel-aspect")->count() > 0 ||
+          std::find(taken.begin(), taken.end(), "pixelAspect") != taken.end();
       return RunStMap(stmap, plugin, err);
+    }
+    if (*lensApp) {
+      ApplyLensFile(lensApp, &lens.lens);
+      return RunLens(lens, plugin, out, err);
     }
     return RunChart(chart);
   } catch (const CliError& e) {
