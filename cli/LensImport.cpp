@@ -93,8 +93,9 @@ PolynomialFit FitPolynomial(const SourceMapping& source, ImageSize frame, bool f
   const int stepsX = std::min(frame.width, 256), stepsY = std::min(frame.height, 256);
   for (int j = 0; j < stepsY; ++j) {
     for (int i = 0; i < stepsX; ++i) {
-      const double x = stepsX > 1 ? (frame.width - 1.0) * i / (stepsX - 1) : 0.0;
-      const double y = stepsY > 1 ? (frame.height - 1.0) * j / (stepsY - 1) : 0.0;
+      // Whole pixels, so that a source known only at pixels can be sampled.
+      const double x = stepsX > 1 ? std::round((frame.width - 1.0) * i / (stepsX - 1)) : 0.0;
+      const double y = stepsY > 1 ? std::round((frame.height - 1.0) * j / (stepsY - 1)) : 0.0;
       double xd = 0, yd = 0;
       source(x, y, &xd, &yd);
       const double dx = (x - cx) / h, dy = (y - cy) / h;
@@ -208,7 +209,7 @@ Imported FromLensfun(const LensCommand& c, ImageSize frame) {
     throw UsageError("--from lensfun needs --model LENS and --focal F (and usually --maker M)");
   }
   const double focal = ParseReal("--focal", c.focal);
-  auto db = std::make_shared<lfDatabase>();
+  auto db = std::make_unique<lfDatabase>();
   if (db->Load() != LF_NO_ERROR) throw IoError("cannot load the lensfun database");
   const lfLens** found = db->FindLenses(nullptr, c.maker.empty() ? nullptr : c.maker.c_str(),
                                         c.model.c_str());
@@ -229,32 +230,40 @@ Imported FromLensfun(const LensCommand& c, ImageSize frame) {
   }
   const double crop = c.crop.empty() ? lens->CropFactor : ParseReal("--crop", c.crop);
   if (!(crop > 0)) throw UsageError("--crop: the crop factor must be positive");
-  auto mod = std::make_shared<lfModifier>(lens, static_cast<float>(crop), frame.width,
+  auto mod = std::make_unique<lfModifier>(lens, static_cast<float>(crop), frame.width,
                                           frame.height);
   mod->Initialize(lens, LF_PF_F32, static_cast<float>(focal), 8.0f, 1000.0f, 1.0f, lens->Type,
                   LF_MODIFY_DISTORTION, false);
   Imported im;
-  // liblensfun's own correction: for a corrected (undistorted) pixel, its distorted position.
-  im.source = [db, mod](double x, double y, double* xd, double* yd) {
-    alignas(16) float res[2];
-    if (!mod->ApplyGeometryDistortion(static_cast<float>(x), static_cast<float>(y), 1, 1, res)) {
-      res[0] = static_cast<float>(x);
-      res[1] = static_cast<float>(y);
+  // liblensfun's own correction: for each corrected (undistorted) pixel, its distorted
+  // position, computed a row at a time as an application of lensfun does. A second table
+  // holds the same lens moved half a pixel: liblensfun centres its lens on the frame's
+  // geometric centre ((W-1)/2, (H-1)/2 in pixel indices), the effect at (W/2, H/2).
+  const size_t rowFloats = static_cast<size_t>(frame.width) * 2;
+  auto table = std::make_shared<std::vector<float>>(rowFloats * frame.height);
+  auto shifted = std::make_shared<std::vector<float>>(rowFloats * frame.height);
+  for (int y = 0; y < frame.height; ++y) {
+    float* row = table->data() + rowFloats * y;
+    float* moved = shifted->data() + rowFloats * y;
+    if (!mod->ApplyGeometryDistortion(0.0f, static_cast<float>(y), frame.width, 1, row) ||
+        !mod->ApplyGeometryDistortion(-0.5f, y - 0.5f, frame.width, 1, moved)) {
+      throw IoError("lensfun: '" + name + "' has no distortion to correct at " + c.focal + " mm");
     }
-    *xd = res[0];
-    *yd = res[1];
+    for (size_t i = 0; i < rowFloats; ++i) moved[i] += 0.5f;
+  }
+  auto lookup = [frame](std::shared_ptr<std::vector<float>> t) -> SourceMapping {
+    return [t, frame](double x, double y, double* xd, double* yd) {
+      const size_t i = (static_cast<size_t>(std::lround(y)) * frame.width +
+                        static_cast<size_t>(std::lround(x))) * 2;
+      *xd = (*t)[i];
+      *yd = (*t)[i + 1];
+    };
   };
+  im.source = lookup(table);
+  im.centred = lookup(shifted);
   const char* model = calib.Model == LF_DIST_MODEL_POLY3   ? "poly3"
                       : calib.Model == LF_DIST_MODEL_POLY5 ? "poly5"
                                                            : "ptlens";
-  // liblensfun centres its lens on the frame's geometric centre ((W-1)/2, (H-1)/2 in pixel
-  // indices); moved half a pixel it sits on the effect's lens centre (W/2, H/2).
-  const SourceMapping source = im.source;
-  im.centred = [source](double x, double y, double* xd, double* yd) {
-    source(x - 0.5, y - 0.5, xd, yd);
-    *xd += 0.5;
-    *yd += 0.5;
-  };
   const bool holds = calib.Model != LF_DIST_MODEL_PTLENS || calib.Terms[2] == 0;
   im.exact = holds;
   // Where the polynomial holds the model, the fit to the centred lens recovers its
