@@ -69,7 +69,7 @@ void Solve(int n, double a[4][4], double b[4], double x[4]) {
     }
     std::swap(a[col], a[pivot]);
     std::swap(b[col], b[pivot]);
-    if (a[col][col] == 0) throw EffectError("the least-squares fit is singular");
+    if (a[col][col] == 0) throw IoError("the least-squares fit is singular");
     for (int r = col + 1; r < n; ++r) {
       const double f = a[r][col] / a[col][col];
       for (int k = col; k < n; ++k) a[r][k] -= f * a[col][k];
@@ -117,7 +117,7 @@ PolynomialFit FitPolynomial(const SourceMapping& source, ImageSize frame, bool f
   PolynomialFit fit;
   const double a1 = fitZoom ? a[0] : 1.0;
   const double* rest = fitZoom ? a + 1 : a;
-  if (!(a1 > 0)) throw EffectError("the fitted lens has no positive scale; it cannot be held");
+  if (!(a1 > 0)) throw IoError("the fitted lens has no positive scale; it cannot be held");
   fit.zoom = 1.0 / a1;
   fit.k2 = rest[0] * std::pow(fit.zoom, 3);
   fit.k3 = rest[1] * std::pow(fit.zoom, 4);
@@ -316,7 +316,7 @@ Errors Compare(const SourceMapping& source, const std::vector<float>* effect,
 double SliderValue(const char* option, double k) {
   const double v = k * 1000.0;
   if (!(v >= kCoefficientRange.min && v <= kCoefficientRange.max)) {
-    throw EffectError(std::string("the imported lens needs ") + option + " " + Num(v) +
+    throw IoError(std::string("the imported lens needs ") + option + " " + Num(v) +
                       ", outside the slider range -20000..20000");
   }
   return v;
@@ -362,7 +362,7 @@ int RunLens(const LensCommand& command, const std::string& plugin, std::ostream&
   settings.cubic = SliderValue("--cubic", im.fit.k3);
   settings.quartic = SliderValue("--quartic", im.fit.k4);
   if (!(im.fit.zoom > kZoomRange.min && im.fit.zoom <= kZoomRange.max)) {
-    throw EffectError("the imported lens needs --zoom " + Num(im.fit.zoom) +
+    throw IoError("the imported lens needs --zoom " + Num(im.fit.zoom) +
                       ", outside the slider range 0..10");
   }
   settings.zoom = im.fit.zoom;
