@@ -17,9 +17,12 @@
 #include "CliError.h"
 #include "ImageIO.h"
 #include "InfoReport.h"
+#include "LensFile.h"
+#include "LensImport.h"
 #include "Memory.h"
 #include "OutputFile.h"
 #include "Session.h"
+#include "StMap.h"
 
 namespace veltrisca {
 
@@ -356,6 +359,17 @@ void AddLensOptions(CLI::App* sub, LensOptionText* lens) {
   sub->add_option("--undistorted-size", lens->undistortedSize,
                   "UndistortedImgSize (default: the input layer in apply, else the distorted size)")
       ->type_name("WxH");
+  sub->add_option("--lens", lens->file,
+                  "lens file (JSON) for every lens option not given on the command line")
+      ->type_name("FILE.json");
+}
+
+// Fills the lens options not given on the command line from --lens; returns the keys taken.
+std::vector<std::string> ApplyLensFile(const CLI::App* sub, LensOptionText* lens) {
+  if (lens->file.empty()) return {};
+  return MergeLensFile(lens->file, lens, [sub](const std::string& option) {
+    return sub->get_option(option)->count() > 0;
+  });
 }
 
 constexpr const char* kExitCodes =
@@ -480,6 +494,35 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
                        "8, 16, half or float (default: half for .exr, float for .hdr, else 8)")
       ->type_name("D");
 
+  StMapCommand stmap;
+  CLI::App* stmapApp = app.add_subcommand(
+      "stmap", "Write the effect's output-to-input mapping as an ST map (32-bit float EXR)");
+  stmapApp->add_option("OUT", stmap.output, "output map, .exr (written whole or not at all)")
+      ->required();
+  AddLensOptions(stmapApp, &stmap.lens);
+  stmapApp->add_option("--size", stmap.size, "input frame size (the layer)")
+      ->type_name("WxH")
+      ->capture_default_str();
+  stmapApp->add_option("--like", stmap.like,
+                       "take the frame size, overscan and pixel aspect from this image")
+      ->type_name("IMAGE");
+  stmapApp->add_flag("--both", stmap.both,
+                     "remove map in R,G and apply map in B,A (coverage in remove.A, apply.A)");
+  stmapApp->add_option("--window", stmap.window,
+                       "data window in layer pixels, for overscan (default: the output frame)")
+      ->type_name("L,T,R,B");
+  stmapApp->add_option("--threads", stmap.threads, "render threads (0: all cores)")
+      ->type_name("N")
+      ->capture_default_str();
+
+  LensCommand lens;
+  CLI::App* lensApp = app.add_subcommand(
+      "lens", "Write a lens file from the lens options, or import a lens from elsewhere");
+  AddLensOptions(lensApp, &lens.lens);
+  lensApp->add_option("-o,--output", lens.output, "lens file to write (default: standard output)")
+      ->type_name("FILE.json");
+  AddImportOptions(lensApp, &lens);
+
   if (const std::string unknown = UnknownCommand(app, args); !unknown.empty()) {
     err << "veltrisca: unknown command '" << OneLine(unknown) << "' (commands: "
         << CommandNames(app) << "; see veltrisca --help)\n";
@@ -500,8 +543,25 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
   }
 
   try {
-    if (*infoApp) return RunInfo(info, plugin, out);
-    if (*renderApp) return RunRender(render, plugin, out, err);
+    if (*infoApp) {
+      ApplyLensFile(infoApp, &info.lens);
+      return RunInfo(info, plugin, out);
+    }
+    if (*renderApp) {
+      ApplyLensFile(renderApp, &render.lens);
+      return RunRender(render, plugin, out, err);
+    }
+    if (*stmapApp) {
+      const std::vector<std::string> taken = ApplyLensFile(stmapApp, &stmap.lens);
+      stmap.pixelAspectGiven =
+          stmapApp->get_option("--pixel-aspect")->count() > 0 ||
+          std::find(taken.begin(), taken.end(), "pixelAspect") != taken.end();
+      return RunStMap(stmap, plugin, err);
+    }
+    if (*lensApp) {
+      ApplyLensFile(lensApp, &lens.lens);
+      return RunLens(lens, plugin, out, err);
+    }
     return RunChart(chart);
   } catch (const CliError& e) {
     err << "veltrisca: " << OneLine(e.what()) << "\n";

@@ -1,9 +1,11 @@
-// A small JSON writer for the tool's reports. Numbers are written so that they read back as
-// the same value: floats with 9 significant digits, doubles with 17. JSON has no infinities
-// or NaN: those are written as the strings "Infinity", "-Infinity" and "NaN".
+// JSON for the tool's reports, through nlohmann-json. Numbers are written so that they read
+// back as the same value: floats with at most 9 significant digits, doubles as the shortest
+// decimal that reads back. JSON has no infinities or NaN: those are written as the strings
+// "Infinity", "-Infinity" and "NaN".
 #ifndef VT_CLI_JSON_H
 #define VT_CLI_JSON_H
 
+#include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -12,14 +14,15 @@
 
 namespace veltrisca {
 
-std::string JsonFloat(float v);    // %.9g, or a quoted non-finite name
-std::string JsonDouble(double v);  // %.17g, or a quoted non-finite name
+std::string JsonFloat(float v);    // at most 9 digits, or a quoted non-finite name
+std::string JsonDouble(double v);  // shortest exact, or a quoted non-finite name
 std::string JsonString(const std::string& s);  // quoted and escaped
 
 // Writes one object, one member per line; arrays stay on their member's line.
 class JsonObjectWriter {
  public:
   explicit JsonObjectWriter(std::ostream& out);
+  ~JsonObjectWriter();
   void Int(const char* key, long long v);
   void Float(const char* key, float v);
   void Double(const char* key, double v);
@@ -27,12 +30,12 @@ class JsonObjectWriter {
   void Rect(const char* key, const PF_LRect& r);  // [left, top, right, bottom]
   void IntPair(const char* key, long long a, long long b);
   void FloatArray(const char* key, const float* v, size_t n);
-  void End();  // closes the object and the line
+  void End();  // writes the object, members in the order given
 
  private:
-  void Key(const char* key);
+  struct Members;
   std::ostream& out_;
-  bool first_ = true;
+  std::unique_ptr<Members> members_;
 };
 
 }  // namespace veltrisca

@@ -55,6 +55,7 @@ struct LensOptionText {
   std::string pixelAspect;  // empty: the image file's, else 1
   std::string distortedSize;
   std::string undistortedSize;
+  std::string file;  // --lens: a lens file for the options not given (cli/LensFile.h)
 };
 
 struct LensSettings {

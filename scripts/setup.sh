@@ -10,9 +10,15 @@
 #   libcli11-dev                    command-line options
 #   libgtest-dev libgmock-dev       the tests
 #   libbenchmark-dev                the benchmarks
+#   nlohmann-json3-dev              lens files and info --json (cli/LensFile.cpp, cli/Json.cpp)
+#   liblensfun-dev                  lens --from lensfun reads the lensfun database through
+#   liblensfun-data-v1              liblensfun; the tests compare with its own correction
+#   python3-opencv                  test only: OpenCV's initUndistortRectifyMap as the oracle
+#                                   of lens --from opencv (tests/cli/LensImportTest.cpp)
 set -euo pipefail
 packages=(g++ make cmake libopenimageio-dev openimageio-tools zlib1g-dev libcli11-dev
-          libgtest-dev libgmock-dev libbenchmark-dev)
+          libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev liblensfun-dev
+          liblensfun-data-v1 python3-opencv)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
