@@ -249,6 +249,19 @@ TEST(DamagedFiles, WhatIsNoImageFileIsRefused) {
   Write(dir / "random.exr", random);
   fs::create_directory(dir / "folder.png");
   ASSERT_EQ(mkfifo((dir / "pipe.png").c_str(), 0644), 0);
+  {  // two parts: all but the first would be lost, so the file is refused naming both
+    OIIO::ImageSpec part(8, 6, 3, OIIO::TypeDesc::HALF);
+    std::vector<OIIO::ImageSpec> parts{part, part};
+    parts[0].attribute("name", "beauty");
+    parts[1].attribute("name", "depth");
+    const std::vector<float> px(8 * 6 * 3, 0.5f);
+    auto out = OIIO::ImageOutput::create("exr");
+    ASSERT_TRUE(out && out->open(dir / "parts.exr", 2, parts.data()));
+    ASSERT_TRUE(out->write_image(OIIO::TypeDesc::FLOAT, px.data()));
+    ASSERT_TRUE(out->open(dir / "parts.exr", parts[1], OIIO::ImageOutput::AppendSubimage));
+    ASSERT_TRUE(out->write_image(OIIO::TypeDesc::FLOAT, px.data()));
+    ASSERT_TRUE(out->close());
+  }
   struct Case {
     std::string in;
     const char* mentions;
@@ -263,6 +276,7 @@ TEST(DamagedFiles, WhatIsNoImageFileIsRefused) {
       {"/dev/zero", "not a regular file"},       // ... or read without end
       {dir / "line\nbreak.png", "line\\x0abreak.png"},
       {"", "empty"},
+      {dir / "parts.exr", "beauty (3 channels), depth (3 channels)"},
   };
   const Snapshot before = Take(dir.path());
   for (const Case& c : cases) {
