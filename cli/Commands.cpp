@@ -217,8 +217,9 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
       ->required();
   renderApp->add_option("--frames", render.frames,
                         "frames of the sequence: 1001-1100, 1001-1100x2, 1001,1005,1010-1020 or "
-                        "1001 (default: those on disk); frames outside the sequence on disk are "
-                        "skipped with a note, a missing frame inside it is an error")
+                        "1001 (default: the first frame on disk to the last); frames outside the "
+                        "sequence on disk are skipped with a note, a missing frame inside it is "
+                        "an error")
       ->type_name("LIST");
   renderApp->add_flag("--keep-going", render.keepGoing,
                       "render every frame even after a failure, then list the failed frames "

@@ -47,7 +47,8 @@ FrameSelection SelectFrames(const std::string& input, const std::string& output,
   } else if (disk.empty()) {
     throw IoError("no frame of " + input + " exists");
   } else {
-    wanted = disk;
+    // The shot runs from the first frame on disk to the last; a hole in it is a missing frame.
+    for (int f = disk.front(); f <= disk.back(); ++f) wanted.push_back(f);
   }
   for (const int frame : wanted) {
     const bool exists = std::binary_search(disk.begin(), disk.end(), frame);
@@ -140,6 +141,11 @@ Stage<To> Forward(Stage<From>&& from) {
   return to;
 }
 
+// "frame 3", "frames 3-5,9".
+std::string FramesText(const std::vector<int>& frames) {
+  return (frames.size() == 1 ? "frame " : "frames ") + FrameListText(frames);
+}
+
 // The message and exit code of a failure.
 std::pair<std::string, int> Describe(const std::exception_ptr& error) {
   try {
@@ -163,12 +169,14 @@ int RenderSelection(RenderJob& job, const FrameSelection& selection,
     if (e.missing) missing.push_back(*e.files.frame);
   }
   if (!missing.empty() && !options.keepGoing) {
-    throw IoError("frames " + FrameListText(missing) + " are missing from the sequence on disk (" +
+    throw IoError(FramesText(missing) + (missing.size() == 1 ? " is" : " are") +
+                  " missing from the sequence on disk (" +
                   FrameListText(selection.onDisk) + "); nothing was rendered (--keep-going " +
                   "renders the frames that exist)");
   }
   if (!selection.outside.empty()) {
-    notes("frames " + FrameListText(selection.outside) + " lie outside the sequence on disk (" +
+    notes(FramesText(selection.outside) + (selection.outside.size() == 1 ? " lies" : " lie") +
+          " outside the sequence on disk (" +
           FrameListText(selection.onDisk) + "); skipped");
   }
   job.pipelined = selection.frames.size() > 1;

@@ -32,7 +32,7 @@ struct FrameSelection {
 };
 
 // The frames of IN and OUT: a single file, the frames of --frames (or of IN's inline list), or
-// without a list the frames on disk. Throws CliError(kExitUsage) for patterns that do not fit
+// without a list every frame from the first on disk to the last (a hole is a missing frame). Throws CliError(kExitUsage) for patterns that do not fit
 // together and CliError(kExitIo) when no frame asked for exists.
 FrameSelection SelectFrames(const std::string& input, const std::string& output,
                             const std::string& framesOption);
