@@ -365,8 +365,9 @@ uint64_t WorldBytes(long long pixels, Depth depth) {
          static_cast<uint64_t>(PixelDepthOf(depth).bytes);
 }
 
-PixelBuffer ReadPixels(InputImage& image) {
+PixelBuffer ReadPixels(InputImage& image, std::vector<uint8_t> storage) {
   PixelBuffer px;
+  px.bytes = std::move(storage);
   px.width = image.spec.width;
   px.height = image.spec.height;
   px.channels = image.channels;
@@ -387,9 +388,13 @@ PixelBuffer ReadPixels(InputImage& image) {
 }
 
 std::unique_ptr<World> PassLayer(const InputImage& image, const PixelBuffer& px, int pass,
-                                 int originX, int originY) {
+                                 int originX, int originY, std::unique_ptr<World> reuse) {
   const int w = px.width, h = px.height, n = px.channels;
-  auto layer = std::make_unique<World>(px.depth, w, h, originX, originY);
+  std::unique_ptr<World> layer = std::move(reuse);
+  if (!layer || layer->depth() != px.depth || layer->width() != w || layer->height() != h ||
+      layer->originX() != originX || layer->originY() != originY || layer->paddingBytes() != 0) {
+    layer = std::make_unique<World>(px.depth, w, h, originX, originY);
+  }
   const PassChannels p = ChannelsOfPass(image, pass);
   const size_t rowSamples = static_cast<size_t>(w) * n;
   ForPixelDepth(px.depth, [&](auto tag) {
@@ -438,8 +443,9 @@ void CheckWritable(const std::string& path, const OutputLayout& layout) {
 }
 
 PixelBuffer NewOutputBuffer(const InputImage& input, const OutputLayout& layout,
-                            const PF_LRect& window) {
+                            const PF_LRect& window, std::vector<uint8_t> storage) {
   PixelBuffer out;
+  out.bytes = std::move(storage);
   out.width = window.right - window.left;
   out.height = window.bottom - window.top;
   out.channels = layout.channels;

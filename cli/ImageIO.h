@@ -63,11 +63,15 @@ struct PixelBuffer {
   Depth depth = Depth::k8;
   std::vector<uint8_t> bytes;
 };
-// Reads the pixels; closes the file. Throws CliError(kExitIo) on a failed read.
-PixelBuffer ReadPixels(InputImage& image);
-// The host world of one pass, placed in the layer at (originX, originY).
+// Reads the pixels; closes the file. Throws CliError(kExitIo) on a failed read. `storage` is
+// a buffer to read into (its bytes are overwritten), so that a sequence reuses its buffers:
+// the first touch of fresh memory costs a page fault for every 4 KiB.
+PixelBuffer ReadPixels(InputImage& image, std::vector<uint8_t> storage = {});
+// The host world of one pass, placed in the layer at (originX, originY); `reuse` is filled
+// instead of a new world when it has the same depth, size and origin.
 std::unique_ptr<hostsim::World> PassLayer(const InputImage& image, const PixelBuffer& pixels,
-                                          int pass, int originX, int originY);
+                                          int pass, int originX, int originY,
+                                          std::unique_ptr<hostsim::World> reuse = nullptr);
 
 // Bytes of one interleaved buffer and of one host world.
 uint64_t FileBufferBytes(long long pixels, int channels, Depth depth);
@@ -84,9 +88,10 @@ struct OutputLayout {
 };
 OutputLayout ChooseOutputLayout(const InputImage& input, bool addAlpha);
 
-// An empty output buffer covering `window` (layer coordinates) in the input's host type.
+// An empty (zero) output buffer covering `window` (layer coordinates) in the input's host
+// type, in `storage` when given.
 PixelBuffer NewOutputBuffer(const InputImage& input, const OutputLayout& layout,
-                            const PF_LRect& window);
+                            const PF_LRect& window, std::vector<uint8_t> storage = {});
 // Copies the channels of one pass from `rendered` (placed in the layer at its origin; may be
 // null) into the output buffer covering `window`; the alpha slot is taken from pass 0.
 void StorePass(const InputImage& input, const OutputLayout& layout, int pass,

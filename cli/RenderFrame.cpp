@@ -217,8 +217,27 @@ std::pair<PreRenderReadBack, DefaultWindow> OutputFramePlanner::Get(
   return known_.back().second;
 }
 
+std::vector<uint8_t> BufferPool::Take(size_t bytes) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto best = kept_.end();
+  for (auto it = kept_.begin(); it != kept_.end(); ++it) {
+    if (it->capacity() >= bytes && (best == kept_.end() || it->capacity() < best->capacity())) {
+      best = it;
+    }
+  }
+  if (best == kept_.end()) return {};
+  std::vector<uint8_t> buffer = std::move(*best);
+  kept_.erase(best);
+  return buffer;
+}
+
+void BufferPool::Give(std::vector<uint8_t> buffer) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (kept_.size() < kMostKept && buffer.capacity() > 0) kept_.push_back(std::move(buffer));
+}
+
 ReadFrame ReadFrameFiles(const RenderJob& job, OutputFramePlanner& planner, Notes& notes,
-                         const FrameFiles& files) {
+                         BufferPool& pool, const FrameFiles& files) {
   ReadFrame frame;
   frame.files = files;
   frame.started = Clock::now();
@@ -229,7 +248,9 @@ ReadFrame ReadFrameFiles(const RenderJob& job, OutputFramePlanner& planner, Note
   frame.input = OpenInputImage(files.input, job.alpha);
   frame.plan = PlanFrame(job, planner, notes, frame.input, files);
   frame.temp = std::make_unique<TempOutputFile>(files.output);
-  frame.pixels = ReadPixels(frame.input);
+  const long long layerPixels = RectArea(frame.plan.layerRect);
+  frame.pixels = ReadPixels(
+      frame.input, pool.Take(FileBufferBytes(layerPixels, frame.input.channels, frame.input.depth)));
   if (IsKernelFilter(frame.plan.settings.filter) &&
       HasNegativeColour(frame.input, frame.pixels)) {
     notes("warning: the input holds negative values, which the " +
@@ -239,7 +260,7 @@ ReadFrame ReadFrameFiles(const RenderJob& job, OutputFramePlanner& planner, Note
   return frame;
 }
 
-RenderedFrame FrameRenderer::Render(ReadFrame frame, Notes& notes,
+RenderedFrame FrameRenderer::Render(ReadFrame frame, Notes& notes, BufferPool& pool,
                                     const std::function<void(int64_t, int64_t)>& rowProgress) {
   const FramePlan& plan = frame.plan;
   if (!session_ || !SameParams(params_, plan.params)) {
@@ -250,22 +271,25 @@ RenderedFrame FrameRenderer::Render(ReadFrame frame, Notes& notes,
   }
   session_->SetRowProgress(rowProgress);
   RenderedFrame out;
-  out.result = NewOutputBuffer(frame.input, plan.layout, plan.window);
+  out.result = NewOutputBuffer(
+      frame.input, plan.layout, plan.window,
+      pool.Take(FileBufferBytes(RectArea(plan.window), plan.layout.channels, frame.input.depth)));
   out.passes = PassCount(frame.input);
   for (int pass = 0; pass < out.passes; ++pass) {
-    std::unique_ptr<hostsim::World> layer =
-        PassLayer(frame.input, frame.pixels, pass, plan.layerRect.left, plan.layerRect.top);
-    session_->SetInputLayer(layer.get());
+    layer_ = PassLayer(frame.input, frame.pixels, pass, plan.layerRect.left, plan.layerRect.top,
+                       std::move(layer_));
+    session_->SetInputLayer(layer_.get());
     session_->PreRender(plan.window);
-    std::unique_ptr<hostsim::World> rendered = session_->Render();
-    if (pass == 0 && !AnyAlpha(rendered.get())) {
+    output_ = session_->Render(std::move(output_));
+    if (pass == 0 && !AnyAlpha(output_.get())) {
       notes("warning: the result is fully transparent: no pixel of the input reaches the output" +
             std::string(plan.settings.zoom == 0.0 ? " (--zoom 0)" : ""));
     }
-    StorePass(frame.input, plan.layout, pass, rendered.get(), plan.window, &out.result);
+    StorePass(frame.input, plan.layout, pass, output_.get(), plan.window, &out.result);
   }
   session_->SetInputLayer(nullptr);
   session_->SetRowProgress(nullptr);
+  pool.Give(std::move(frame.pixels.bytes));
   out.files = std::move(frame.files);
   out.started = frame.started;
   out.input = std::move(frame.input);
@@ -279,7 +303,8 @@ void FrameRenderer::Finish() {
   session_.reset();
 }
 
-void WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, std::ostream& out) {
+void WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, BufferPool& pool,
+                std::ostream& out) {
   const FramePlan& plan = frame.plan;
   const LensSettings& settings = plan.settings;
   OIIO::ParamValueList header;
@@ -300,6 +325,7 @@ void WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, std::os
   WriteOutput(frame.temp->path(), frame.files.output, frame.input, plan.layout, plan.outPlan,
               plan.windows, frame.result, header, job.verbose ? &written : nullptr);
   frame.temp->Commit();
+  pool.Give(std::move(frame.result.bytes));
   for (const std::string& n : plan.outPlan.notes) notes("note: " + n);
   if (!job.verbose || job.quiet) return;
   const double seconds = std::chrono::duration<double>(Clock::now() - frame.started).count();

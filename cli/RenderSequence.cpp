@@ -182,6 +182,7 @@ int RenderSelection(RenderJob& job, const FrameSelection& selection,
   job.pipelined = selection.frames.size() > 1;
   OutputFramePlanner planner(job);
   FrameRenderer renderer(job);
+  BufferPool pool;
   Handoff<Stage<ReadFrame>> toRender;
   Handoff<Stage<RenderedFrame>> toWrite;
   const bool stopAtFailure = !options.keepGoing;
@@ -198,7 +199,7 @@ int RenderSelection(RenderJob& job, const FrameSelection& selection,
         stage.skipped = true;
       } else {
         stage = Attempt<ReadFrame>(entry.files, [&] {
-          return ReadFrameFiles(job, planner, notes, entry.files);
+          return ReadFrameFiles(job, planner, notes, pool, entry.files);
         });
       }
       const bool failed = stage.error != nullptr;
@@ -213,7 +214,7 @@ int RenderSelection(RenderJob& job, const FrameSelection& selection,
     while (std::optional<Stage<RenderedFrame>> stage = toWrite.Take()) {
       if (stage->value) {
         try {
-          WriteFrame(job, std::move(*stage->value), notes, out);
+          WriteFrame(job, std::move(*stage->value), notes, pool, out);
         } catch (...) {
           stage->error = std::current_exception();
         }
@@ -241,7 +242,7 @@ int RenderSelection(RenderJob& job, const FrameSelection& selection,
     if (stage->value) {
       progress.Started(stage->files);
       rendered = Attempt<RenderedFrame>(stage->files, [&] {
-        return renderer.Render(std::move(*stage->value), notes,
+        return renderer.Render(std::move(*stage->value), notes, pool,
                                [&](int64_t done, int64_t total) { progress.Rows(done, total); });
       });
     } else {

@@ -155,8 +155,11 @@ PreRenderReadBack EffectSession::PreRender(const PF_LRect& request) {
   return back;
 }
 
-std::unique_ptr<hostsim::World> EffectSession::Render() {
-  std::unique_ptr<hostsim::World> output;
+std::unique_ptr<hostsim::World> EffectSession::Render(std::unique_ptr<hostsim::World> reuse) {
+  std::unique_ptr<hostsim::World> output = std::move(reuse);
+  // A new world already holds zeros; a reused one holds the last frame.
+  host_.reuseOutput = output != nullptr;
+  host_.clearOutput = output != nullptr;
   Check("smart render", Guarded("smart render", [&] { return host_.SmartRender(&output); }));
   return output;
 }

@@ -56,8 +56,9 @@ class EffectSession {
   void OverrideSuppliedRect(const PF_LRect& rect) { host_.OverrideSuppliedRect(rect); }
 
   PreRenderReadBack PreRender(const PF_LRect& request);
-  // Renders the frame of the last pre-render; the world is placed at result_rect.
-  std::unique_ptr<hostsim::World> Render();
+  // Renders the frame of the last pre-render; the world is placed at result_rect. `reuse`, an
+  // earlier output, is cleared and rendered into when it has the size the render needs.
+  std::unique_ptr<hostsim::World> Render(std::unique_ptr<hostsim::World> reuse = nullptr);
   // Sequence setdown; the destructor does it too, silently, if this was not called.
   void Finish();
 
