@@ -2,17 +2,8 @@
 
 namespace veltrisca {
 
-bool Contains(const PF_LRect& outer, const PF_LRect& inner) {
-  return outer.left <= inner.left && outer.top <= inner.top && outer.right >= inner.right &&
-         outer.bottom >= inner.bottom;
-}
-
 PF_LRect Offset(const PF_LRect& r, int dx, int dy) {
   return PF_LRect{r.left + dx, r.top + dy, r.right + dx, r.bottom + dy};
-}
-
-bool SameRect(const PF_LRect& a, const PF_LRect& b) {
-  return a.left == b.left && a.top == b.top && a.right == b.right && a.bottom == b.bottom;
 }
 
 namespace {
@@ -24,7 +15,7 @@ ImageSize SizeOf(const PF_LRect& r) { return ImageSize{r.right - r.left, r.botto
 InputFrame PlaceInput(int mode, const PF_LRect& dataWindow, const PF_LRect& displayWindow) {
   InputFrame f;
   const bool overscan =
-      Contains(dataWindow, displayWindow) && !SameRect(dataWindow, displayWindow);
+      RectInside(displayWindow, dataWindow) && !SameRect(dataWindow, displayWindow);
   if (mode == kModeApply && overscan) {
     f.overscan = true;
     f.originX = dataWindow.left;
@@ -44,7 +35,7 @@ OutputWindows PlaceOutput(int mode, const PF_LRect& window, const PF_LRect& fram
   PF_LRect display = frame;
   if (mode != kModeApply) {
     const PF_LRect plate{0, 0, sizes.distorted.width, sizes.distorted.height};
-    if (Contains(frame, plate)) display = plate;
+    if (RectInside(plate, frame)) display = plate;
   }
   return OutputWindows{Offset(window, input.originX, input.originY),
                        Offset(display, input.originX, input.originY)};

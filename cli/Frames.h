@@ -14,6 +14,7 @@
 #include <optional>
 
 #include "AE_Effect.h"
+#include "common/Rect.h"
 #include "Options.h"
 
 namespace veltrisca {
@@ -35,9 +36,7 @@ struct OutputWindows {
 OutputWindows PlaceOutput(int mode, const PF_LRect& window, const PF_LRect& frame,
                           const LensSizes& sizes, const InputFrame& input);
 
-bool Contains(const PF_LRect& outer, const PF_LRect& inner);
 PF_LRect Offset(const PF_LRect& r, int dx, int dy);
-bool SameRect(const PF_LRect& a, const PF_LRect& b);
 
 }  // namespace veltrisca
 

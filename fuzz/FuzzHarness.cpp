@@ -8,6 +8,7 @@
 #include <sstream>
 #include <vector>
 
+#include "common/Rect.h"
 #include "hostsim/Host.h"
 #include "hostsim/World.h"
 #include "host/EntryPoint.h"
@@ -204,8 +205,6 @@ std::string RectText(const PF_LRect& r) {
   return s.str();
 }
 
-bool IsEmpty(const PF_LRect& r) { return r.left >= r.right || r.top >= r.bottom; }
-
 // Every bound of the effect's own rectangles stays within +-(1e9 + margins).
 bool BoundsSane(const PF_LRect& r) {
   const int32_t limit = 1000000000 + 3;
@@ -253,7 +252,7 @@ std::string CheckPreRender(const hostsim::PreRenderReport& report, const PF_LRec
   PF_LRect clipped{std::max(request.left, maxRect.left), std::max(request.top, maxRect.top),
                    std::min(request.right, maxRect.right),
                    std::min(request.bottom, maxRect.bottom)};
-  if (IsEmpty(clipped)) {
+  if (IsEmptyRect(&clipped)) {
     if (std::memcmp(&result, &clipped, sizeof result) != 0) {
       return "empty clipped request " + RectText(clipped) + " reported as " + RectText(result);
     }
@@ -261,7 +260,7 @@ std::string CheckPreRender(const hostsim::PreRenderReport& report, const PF_LRec
       return "empty clipped request not passed to the host unchanged";
     }
   } else {
-    if (!IsEmpty(result) && (result.left < clipped.left || result.top < clipped.top ||
+    if (!IsEmptyRect(&result) && (result.left < clipped.left || result.top < clipped.top ||
                              result.right > clipped.right || result.bottom > clipped.bottom)) {
       return "result_rect " + RectText(result) + " exceeds the clipped request " +
              RectText(clipped);
@@ -322,7 +321,7 @@ std::string Run(const FuzzCase& c) {
   if (!failure.empty()) return failure;
 
   const PF_LRect result = report.output.result_rect;
-  if (IsEmpty(result)) return "";
+  if (IsEmptyRect(&result)) return "";
   const int64_t pixels =
       (int64_t{result.right} - result.left) * (int64_t{result.bottom} - result.top);
   if (pixels > kMaxRenderPixels) return "";
@@ -350,7 +349,7 @@ std::string Run(const FuzzCase& c) {
     return "output depends on the buffer's previous contents (a pixel left unwritten)";
   }
   // Without input pixels every output pixel lies outside any input: all zero.
-  if (IsEmpty(report.supplied.result_rect)) {
+  if (IsEmptyRect(&report.supplied.result_rect)) {
     for (uint8_t b : pixels1) {
       if (b != 0) return "output not transparent although no input was supplied";
     }
