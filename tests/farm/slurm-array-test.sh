@@ -53,6 +53,12 @@ trap cleanup EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM
 
+# The cluster first: without Slurm the test ends here, at once.
+env_lines=$(bash "$root/scripts/slurm-local.sh" start)
+eval "$env_lines"
+[ -f "${SLURM_CONF:-}" ] || fail "slurm-local.sh start gave no SLURM_CONF"
+export VELTRISCA=$veltrisca
+
 # The sequence: the chart as frame 1, each later frame's colour 0.01 brighter than the one
 # before, so that no two frames, and no two outputs, are alike (one oiiotool run writes all).
 mkdir -p "$work/in" "$work/ref" "$work/logs"
@@ -68,11 +74,6 @@ for ((f = 1; f <= frames; f++)); do
   "$veltrisca" render "$work/in/in.$n.exr" "$work/ref/ref.$n.exr" "${opts[@]}"
 done
 cmp -s "$work/ref/ref.0001.exr" "$work/ref/ref.0002.exr" && fail "frames 1 and 2 render alike"
-
-env_lines=$(bash "$root/scripts/slurm-local.sh" start)
-eval "$env_lines"
-[ -f "${SLURM_CONF:-}" ] || fail "slurm-local.sh start gave no SLURM_CONF"
-export VELTRISCA=$veltrisca
 
 # Submits the sequence from $work/in to $work/$1 and waits for every task to end; sets job to
 # the job id. (Polling the controller here: sbatch --wait backs off to ever longer sleeps.)
