@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <mutex>
 #include <vector>
 
 #include "CliError.h"
@@ -17,28 +18,42 @@ namespace veltrisca {
 
 namespace {
 
-// The temporary file being written, for the signal handler: an interrupted run must not
-// leave it behind either. One output is written at a time.
-char pending_temp_path[4096];
-volatile sig_atomic_t have_pending_temp = 0;
+// The temporary files being written, for the signal handler: an interrupted run must not
+// leave them behind either. A sequence has up to three at once (the frame being read, rendered
+// and written); a file that finds no free slot is still removed on every other way out.
+constexpr int kPendingSlots = 8;
+char pending_temp_path[kPendingSlots][4096];
+volatile sig_atomic_t have_pending_temp[kPendingSlots] = {};
+std::mutex pending_mutex;
 
 extern "C" void RemovePendingTempAndDie(int sig) {
-  if (have_pending_temp) unlink(pending_temp_path);
+  for (int i = 0; i < kPendingSlots; ++i) {
+    if (have_pending_temp[i]) unlink(pending_temp_path[i]);
+  }
   std::signal(sig, SIG_DFL);
   std::raise(sig);
 }
 
-void SetPending(const std::string& path) {
-  have_pending_temp = 0;
-  if (path.size() >= sizeof pending_temp_path) return;
-  std::memcpy(pending_temp_path, path.c_str(), path.size() + 1);
-  have_pending_temp = 1;
-  std::signal(SIGINT, RemovePendingTempAndDie);
-  std::signal(SIGTERM, RemovePendingTempAndDie);
-  std::signal(SIGHUP, RemovePendingTempAndDie);
+int SetPending(const std::string& path) {
+  std::lock_guard<std::mutex> lock(pending_mutex);
+  if (path.size() >= sizeof pending_temp_path[0]) return -1;
+  for (int i = 0; i < kPendingSlots; ++i) {
+    if (have_pending_temp[i]) continue;
+    std::memcpy(pending_temp_path[i], path.c_str(), path.size() + 1);
+    have_pending_temp[i] = 1;
+    std::signal(SIGINT, RemovePendingTempAndDie);
+    std::signal(SIGTERM, RemovePendingTempAndDie);
+    std::signal(SIGHUP, RemovePendingTempAndDie);
+    return i;
+  }
+  return -1;
 }
 
-void ClearPending() { have_pending_temp = 0; }
+void ClearPending(int slot) {
+  if (slot < 0) return;
+  std::lock_guard<std::mutex> lock(pending_mutex);
+  have_pending_temp[slot] = 0;
+}
 
 }  // namespace
 
@@ -61,12 +76,12 @@ TempOutputFile::TempOutputFile(const std::string& target) : target_(target) {
   fchmod(fd, 0666 & ~mask);
   close(fd);
   path_ = buffer.data();
-  SetPending(path_);
+  slot_ = SetPending(path_);
 }
 
 TempOutputFile::~TempOutputFile() {
   if (committed_) return;
-  ClearPending();
+  ClearPending(slot_);
   unlink(path_.c_str());
 }
 
@@ -85,7 +100,7 @@ void TempOutputFile::Commit() {
     throw IoError("cannot move the finished image to " + target_ + ": " + std::strerror(why));
   }
   committed_ = true;
-  ClearPending();
+  ClearPending(slot_);
 }
 
 bool SameFile(const std::string& a, const std::string& b) {

@@ -26,6 +26,7 @@ class TempOutputFile {
   std::string target_;
   std::string path_;
   bool committed_ = false;
+  int slot_ = -1;  // the signal handler's record of this file
 };
 
 // True when both names refer to the same file (same device and inode, or, for names that do

@@ -29,6 +29,22 @@ inline CliError UsageError(const std::string& message) { return CliError(kExitUs
 inline CliError IoError(const std::string& message) { return CliError(kExitIo, message); }
 inline CliError EffectError(const std::string& message) { return CliError(kExitEffect, message); }
 
+// A message as one line: control characters (a file name may hold a line break) are written
+// as escapes.
+inline std::string MessageLine(const std::string& message) {
+  std::string line;
+  for (const char c : message) {
+    const unsigned char u = static_cast<unsigned char>(c);
+    if (u < 0x20 || u == 0x7f) {
+      const char* hex = "0123456789abcdef";
+      line += std::string("\\x") + hex[u >> 4] + hex[u & 15];
+    } else {
+      line += c;
+    }
+  }
+  return line;
+}
+
 }  // namespace veltrisca
 
 #endif

@@ -1,26 +1,24 @@
 #include "Commands.h"
 
 #include <CLI/CLI.hpp>
+#include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
-#include <climits>
-#include <cstdio>
 #include <functional>
 #include <new>
 #include <optional>
 
-#include "AtomicFile.h"
 #include "Chart.h"
+#include "CliError.h"
 #include "Fit.h"
 #include "Frames.h"
-#include "CliError.h"
 #include "ImageIO.h"
 #include "InfoReport.h"
 #include "LensFile.h"
 #include "LensImport.h"
 #include "Memory.h"
-#include "OutputFile.h"
+#include "Progress.h"
+#include "RenderSequence.h"
 #include "Session.h"
 #include "StMap.h"
 
@@ -79,249 +77,20 @@ int RunInfo(const InfoCommand& command, const std::string& plugin, std::ostream&
   return kExitOk;
 }
 
-namespace {
-
-// Pixels of a rectangle's area, refusing one whose world could not exist at all.
-long long CheckedPixels(const PF_LRect& r, Depth depth, const std::string& what) {
-  const long long w = static_cast<long long>(r.right) - r.left;
-  const long long h = static_cast<long long>(r.bottom) - r.top;
-  const long long perPixel = PixelDepthOf(depth).bytes;
-  if (w > INT_MAX || h > INT_MAX ||
-      static_cast<unsigned long long>(w) * perPixel >
-          hostsim::kMaxWorldBytes / static_cast<unsigned long long>(h)) {
-    throw IoError(what + " of " + std::to_string(w) + " x " + std::to_string(h) +
-                  " pixels exceeds the host's " + ByteText(hostsim::kMaxWorldBytes) +
-                  " per image buffer");
-  }
-  return w * h;
-}
-
-std::string HalfPixelNote(const DefaultWindow& w, const LensSizes& sizes) {
-  std::string axes;
-  if (w.halfPixelX) {
-    axes = "widths " + std::to_string(sizes.distorted.width) + " and " +
-           std::to_string(sizes.undistorted.width);
-  }
-  if (w.halfPixelY) {
-    axes += (axes.empty() ? "heights " : ", heights ") + std::to_string(sizes.distorted.height) +
-            " and " + std::to_string(sizes.undistorted.height);
-  }
-  return "note: the margin between the distorted and undistorted " + axes +
-         " is odd; the output window " + RectText(w.rect) +
-         " sits half a pixel off the lens centre\n";
-}
-
-}  // namespace
-
-namespace {
-
-std::string SizeText(const PF_LRect& r) {
-  return std::to_string(static_cast<long long>(r.right) - r.left) + "x" +
-         std::to_string(static_cast<long long>(r.bottom) - r.top) + " at " +
-         std::to_string(r.left) + "," + std::to_string(r.top);
-}
-
-std::string ChannelText(const std::vector<std::string>& names, int alpha) {
-  std::string s;
-  for (size_t c = 0; c < names.size(); ++c) s += (c ? "," : "") + names[c];
-  return s + (alpha >= 0 ? " (alpha " + names[static_cast<size_t>(alpha)] + ")" : " (no alpha)");
-}
-
-std::string Percent(double fraction) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.1f%%", 100.0 * fraction);
-  return text;
-}
-
-// True when some pixel of the world has a non-zero alpha.
-bool AnyAlpha(const hostsim::World* w) {
-  if (!w) return false;
-  for (int y = 0; y < w->height(); ++y) {
-    for (int x = 0; x < w->width(); ++x) {
-      if (w->Get(x, y, 0) != 0.0f) return true;
-    }
-  }
-  return false;
-}
-
-// True when a float image holds a negative value in a channel other than alpha.
-bool HasNegativeColour(const InputImage& input, const PixelBuffer& px) {
-  if (px.depth != Depth::kFloat) return false;
-  const float* v = reinterpret_cast<const float*>(px.bytes.data());
-  const size_t n = px.bytes.size() / sizeof(float);
-  for (size_t i = 0; i < n; ++i) {
-    if (v[i] < 0.0f && static_cast<int>(i % static_cast<size_t>(px.channels)) != input.alphaIndex) {
-      return true;
-    }
-  }
-  return false;
-}
-
-constexpr long long kLargeOutputPixels = 100000000;
-
-}  // namespace
-
 int RunRender(const RenderCommand& command, const std::string& plugin, std::ostream& out,
-              std::ostream& note) {
-  const auto started = std::chrono::steady_clock::now();
-  LensSettings settings = ParseLensOptions(command.lens);
-  const int threads = ParseInt("--threads", command.threads, 0, kMaxThreads);
-  const bool haveWindow = !command.window.empty();
-  PF_LRect window{};
-  if (haveWindow) {
-    window = ParseRect("--window", command.window);
-    if (IsEmptyRect(&window)) throw UsageError("--window: " + command.window + " is empty");
-  }
-  if (command.fit && settings.mode != kModeRemove) {
-    throw UsageError("--fit chooses the undistorted size of a remove; apply takes it from the "
-                     "input (its data window when that holds overscan)");
-  }
-  if (command.fit && settings.undistortedSize) {
-    throw UsageError("--fit and --undistorted-size both choose the undistorted size; give one");
-  }
-  if (SameFile(command.input, command.output)) {
-    throw UsageError("OUT is the same file as IN (" + command.output +
-                     "); write the result to another file");
-  }
-  const bool warn = !command.quiet;
-  auto Note = [&](const std::string& text) {
-    if (warn) note << "veltrisca: " << text << "\n";
-  };
-
-  InputImage input = OpenInputImage(command.input, command.alpha);
-  const InputFrame frame = PlaceInput(settings.mode, input.dataWindow, input.displayWindow);
-  if (!settings.pixelAspectGiven) {
-    const float fileAspect = input.spec.get_float_attribute("PixelAspectRatio", 0.0f);
-    if (fileAspect > 0.0f && fileAspect != 1.0f) {
-      if (fileAspect < kPixelAspectRange.minimum || fileAspect > kPixelAspectRange.maximum) {
-        throw IoError(command.input + ": its pixel aspect " + std::to_string(fileAspect) +
-                      " is outside the effect's 0.1..10; give --pixel-aspect");
-      }
-      settings.pixelAspect = fileAspect;
-    }
-  }
-  const OutputLayout layout = ChooseOutputLayout(input, command.addAlpha);
-  const OutputChoice choice{command.dataType, command.compression};
-  const OutputPlan outPlan = PlanOutput(command.output, input, layout, choice);
-  LensSizes sizes = ResolveSizes(settings, frame.frame, frame.other);
-  const PF_LRect layerRect = Offset(input.dataWindow, -frame.originX, -frame.originY);
-  const long long layerPixels = CheckedPixels(layerRect, input.depth, "the input layer");
-  if (command.fit) sizes.undistorted = FitUndistortedSize(settings, sizes.distorted);
-
-  const auto module = LoadEffect(ResolvePluginPath(plugin));
-  const hostsim::ParamValues params = ToParamValues(settings, sizes);
-  // The output frame and the lens centre follow from the effect's own pre-render; on a host
-  // that supplies no input it tells them without any pixels in memory.
-  EffectSession plan(*module, params, threads);
-  plan.OverrideSuppliedRect(PF_LRect{0, 0, 0, 0});
-  const PreRenderReadBack back = plan.PreRender(PF_LRect{0, 0, frame.frame.width, frame.frame.height});
-  plan.Finish();
-  const DefaultWindow outFrame =
-      settings.mode == kModeApply
-          ? ApplyWindow(back.lens.pixOffsetX, back.lens.pixOffsetY, sizes.distorted)
-          : RemoveWindow(back.lens.maxResultRect, sizes);
-  if (!haveWindow) {
-    if (IsEmptyRect(&outFrame.rect)) {
-      throw EffectError("the effect's output frame " + RectText(back.lens.maxResultRect) +
-                        " is empty; nothing to render");
-    }
-    if (outFrame.halfPixelX || outFrame.halfPixelY) {
-      Note(HalfPixelNote(outFrame, sizes).substr(0, HalfPixelNote(outFrame, sizes).size() - 1));
-    }
-    window = outFrame.rect;
-  }
-  const long long windowPixels = CheckedPixels(window, input.depth, "the output window");
-  const OutputWindows windows = PlaceOutput(settings.mode, window, outFrame.rect, sizes, frame);
-
-  // Input file buffer, one pass's input layer and the host's copy of it, output world and
-  // output file buffer, all at once at worst.
-  const uint64_t need = FileBufferBytes(layerPixels, input.channels, input.depth) +
-                        2 * WorldBytes(layerPixels, input.depth) +
-                        WorldBytes(windowPixels, input.depth) +
-                        FileBufferBytes(windowPixels, layout.channels, input.depth);
-  CheckMemory(need, AvailableMemoryBytes(),
-              "rendering " + command.input + " into a " +
-                  std::to_string(window.right - window.left) + " x " +
-                  std::to_string(window.bottom - window.top) + " window");
-  if (windowPixels > kLargeOutputPixels) {
-    Note("warning: the output is " + std::to_string(windowPixels / 1000000) +
-         " megapixels (" + SizeText(window) + ")");
-  }
-  const PF_LRect distortedFrame =
-      settings.mode == kModeApply ? outFrame.rect
-                                  : PF_LRect{0, 0, sizes.distorted.width, sizes.distorted.height};
-  const double undoable = UndoableRadius(settings, back.lens);
-  const double lost = UnreachableFraction(back.lens, settings.mode, distortedFrame, undoable);
-  if (lost > 0.0) {
-    Note("warning: " + Percent(lost) + " of the distorted frame lies beyond the radius " +
-         "the lens can invert (" + std::to_string(undoable) +
-         (settings.mode == kModeApply ? "); there the output repeats the edge of what it inverts"
-                                      : "); that part of the plate is not in the output"));
-  }
-
-  TempOutputFile temp(command.output);
-  const PixelBuffer pixels = ReadPixels(input);
-  if (IsKernelFilter(settings.filter) && HasNegativeColour(input, pixels)) {
-    Note("warning: the input holds negative values, which the " +
-         std::string(FilterName(settings.filter)) +
-         " filter clips to 0 in float images; nearest, bilinear and builtin keep them");
-  }
-  PixelBuffer result = NewOutputBuffer(input, layout, window);
-  EffectSession session(*module, params, threads);
-  const int passes = PassCount(input);
-  for (int pass = 0; pass < passes; ++pass) {
-    std::unique_ptr<hostsim::World> layer =
-        PassLayer(input, pixels, pass, layerRect.left, layerRect.top);
-    session.SetInputLayer(layer.get());
-    session.PreRender(window);
-    std::unique_ptr<hostsim::World> rendered = session.Render();
-    if (pass == 0 && !AnyAlpha(rendered.get())) {
-      Note("warning: the result is fully transparent: no pixel of the input reaches the output" +
-           std::string(settings.zoom == 0.0 ? " (--zoom 0)" : ""));
-    }
-    StorePass(input, layout, pass, rendered.get(), window, &result);
-  }
-  session.Finish();
-
-  OIIO::ParamValueList header;
-  header.attribute("Software", std::string("veltrisca ") + kToolVersion);
-  header.attribute("veltrisca:mode", std::string(ModeName(settings.mode)));
-  header.attribute("veltrisca:filter", std::string(FilterName(settings.filter)));
-  header.attribute("veltrisca:distortion", static_cast<float>(settings.distortion));
-  header.attribute("veltrisca:cubic", static_cast<float>(settings.cubic));
-  header.attribute("veltrisca:quartic", static_cast<float>(settings.quartic));
-  header.attribute("veltrisca:zoom", static_cast<float>(settings.zoom));
-  header.attribute("veltrisca:pixelAspect", static_cast<float>(settings.pixelAspect));
-  const int distorted[2] = {sizes.distorted.width, sizes.distorted.height};
-  const int undistorted[2] = {sizes.undistorted.width, sizes.undistorted.height};
-  header.attribute("veltrisca:distortedSize", OIIO::TypeDesc(OIIO::TypeDesc::INT, 2), distorted);
-  header.attribute("veltrisca:undistortedSize", OIIO::TypeDesc(OIIO::TypeDesc::INT, 2),
-                   undistorted);
-  std::vector<std::string> notes = outPlan.notes;
-  WriteOutput(temp.path(), command.output, input, layout, outPlan, windows, result, header,
-              command.verbose ? &notes : nullptr);
-  temp.Commit();
-  for (const std::string& n : outPlan.notes) Note("note: " + n);
-  if (command.verbose && !command.quiet) {
-    const double seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    char time[32];
-    std::snprintf(time, sizeof time, "%.2f s", seconds);
-    std::vector<std::string> inNames;
-    for (int c = 0; c < input.channels; ++c) inNames.emplace_back(input.spec.channel_name(c));
-    out << "read  " << command.input << ": data " << SizeText(input.dataWindow) << ", display "
-        << SizeText(input.displayWindow) << ", " << ChannelText(inNames, input.alphaIndex)
-        << ", " << TypeName(input.spec.format) << " " << input.format << "\n";
-    out << "wrote " << command.output << ": data " << SizeText(windows.data) << ", display "
-        << SizeText(windows.display) << ", " << ChannelText(layout.names, layout.alphaIndex)
-        << ", " << TypeName(outPlan.type) << " " << outPlan.format << "; "
-        << ModeName(settings.mode) << ", " << FilterName(settings.filter) << ", sizes "
-        << sizes.distorted.width << "x" << sizes.distorted.height << " distorted, "
-        << sizes.undistorted.width << "x" << sizes.undistorted.height << " undistorted, "
-        << passes << (passes == 1 ? " pass, " : " passes, ") << time << "\n";
-    for (size_t i = outPlan.notes.size(); i < notes.size(); ++i) out << "  " << notes[i] << "\n";
-  }
-  return kExitOk;
+              std::ostream& err) {
+  const FrameSelection selection = SelectFrames(command.input, command.output, command.frames);
+  const ProgressStyle style =
+      command.progress.empty()
+          ? (command.quiet ? ProgressStyle::kNone
+                           : ParseProgressStyle("auto", isatty(STDERR_FILENO) != 0))
+          : ParseProgressStyle(command.progress, isatty(STDERR_FILENO) != 0);
+  RenderJob job = MakeRenderJob(command, plugin);
+  Notes notes(err, command.quiet);
+  Progress progress(style, static_cast<int>(selection.frames.size()), !selection.numbered, out,
+                    err);
+  return RenderSelection(job, selection, SequenceOptions{command.keepGoing, command.skipExisting},
+                         progress, notes, out, err);
 }
 
 int RunChart(const ChartCommand& command) {
@@ -376,23 +145,6 @@ constexpr const char* kExitCodes =
     "Exit codes: 0 success, 1 bad command line or option value, 2 input/output error\n"
     "(unreadable or unsupported image, unwritable output, not enough memory),\n"
     "3 the effect could not be loaded or returned an error.";
-
-// Every message is one line: control characters (a file name may hold a line break) are
-// written as escapes.
-std::string OneLine(const std::string& message) {
-  std::string line;
-  for (const char c : message) {
-    const unsigned char u = static_cast<unsigned char>(c);
-    if (u < 0x20 || u == 0x7f) {
-      char escaped[8];
-      std::snprintf(escaped, sizeof escaped, "\\x%02x", u);
-      line += escaped;
-    } else {
-      line += c;
-    }
-  }
-  return line;
-}
 
 // The first word that is neither an option nor the value of --plugin: the command. CLI11 reports
 // a mistyped command as a missing one ("A subcommand is required"), so the tool names it.
@@ -453,10 +205,36 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
   infoApp->add_flag("--table", info.table, "with --json: include the inverse radius table");
 
   RenderCommand render;
-  CLI::App* renderApp = app.add_subcommand("render", "Render an image through the effect");
-  renderApp->add_option("IN", render.input, "input image")->required();
-  renderApp->add_option("OUT", render.output, "output image (written whole or not at all)")
+  CLI::App* renderApp = app.add_subcommand(
+      "render", "Render an image, or the frames of a shot, through the effect");
+  renderApp->add_option("IN", render.input,
+                        "input image, or a sequence: plate.#.exr or plate.####.exr (four digits), "
+                        "plate.@@@.exr (one digit per @), plate.%04d.exr, plate.1001-1100#.exr")
       ->required();
+  renderApp->add_option("OUT", render.output,
+                        "output image, numbered like IN for a sequence (each file written whole "
+                        "or not at all)")
+      ->required();
+  renderApp->add_option("--frames", render.frames,
+                        "frames of the sequence: 1001-1100, 1001-1100x2, 1001,1005,1010-1020 or "
+                        "1001 (default: the first frame on disk to the last); frames outside the "
+                        "sequence on disk are skipped with a note, a missing frame inside it is "
+                        "an error")
+      ->type_name("LIST");
+  renderApp->add_flag("--keep-going", render.keepGoing,
+                      "render every frame even after a failure, then list the failed frames "
+                      "(the exit code is still non-zero)");
+  renderApp->add_flag("--skip-existing", render.skipExisting,
+                      "leave frames whose output is already a readable image");
+  renderApp->add_option("--progress", render.progress,
+                        "auto (default: bar on a terminal, else lines), bar, lines (one line a "
+                        "frame on stdout), openjd (openjd_progress: lines) or none")
+      ->type_name("STYLE");
+  renderApp->footer(
+      "Sequences: the effect is loaded and set up once for the shot. While a frame renders,\n"
+      "the next one is read and the previous one written, so at most two frames' input and\n"
+      "two frames' output are in memory at once. Frames are written in order; by default the\n"
+      "first failed frame stops the run after the frames before it are written.");
   AddLensOptions(renderApp, &render.lens);
   renderApp->add_option("--threads", render.threads, "render threads (0: all cores)")
       ->type_name("N")
@@ -524,7 +302,7 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
   AddImportOptions(lensApp, &lens);
 
   if (const std::string unknown = UnknownCommand(app, args); !unknown.empty()) {
-    err << "veltrisca: unknown command '" << OneLine(unknown) << "' (commands: "
+    err << "veltrisca: unknown command '" << MessageLine(unknown) << "' (commands: "
         << CommandNames(app) << "; see veltrisca --help)\n";
     return kExitUsage;
   }
@@ -538,7 +316,7 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
   } catch (const CLI::CallForVersion& e) {
     return app.exit(e, out, err);
   } catch (const CLI::ParseError& e) {
-    err << "veltrisca: " << OneLine(e.what()) << " (see veltrisca --help)\n";
+    err << "veltrisca: " << MessageLine(e.what()) << " (see veltrisca --help)\n";
     return kExitUsage;
   }
 
@@ -564,13 +342,13 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
     }
     return RunChart(chart);
   } catch (const CliError& e) {
-    err << "veltrisca: " << OneLine(e.what()) << "\n";
+    err << "veltrisca: " << MessageLine(e.what()) << "\n";
     return e.exitCode();
   } catch (const std::bad_alloc&) {
     err << "veltrisca: out of memory\n";
     return kExitIo;
   } catch (const std::exception& e) {
-    err << "veltrisca: " << OneLine(e.what()) << "\n";
+    err << "veltrisca: " << MessageLine(e.what()) << "\n";
     return kExitIo;
   }
 }

@@ -1,4 +1,4 @@
-// The tool's commands: info, render and chart, and the command line that selects them.
+// The tool's commands and the command line that selects them.
 #ifndef VT_CLI_COMMANDS_H
 #define VT_CLI_COMMANDS_H
 
@@ -34,6 +34,10 @@ struct RenderCommand {
   bool fit = false;         // remove: the smallest undistorted size holding the plate
   bool verbose = false;     // -v
   bool quiet = false;       // -q
+  std::string frames;       // --frames LIST
+  bool keepGoing = false;   // --keep-going
+  bool skipExisting = false;  // --skip-existing
+  std::string progress;     // --progress STYLE; empty: auto, none with -q
 };
 
 struct ChartCommand {

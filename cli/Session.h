@@ -4,8 +4,11 @@
 #ifndef VT_CLI_SESSION_H
 #define VT_CLI_SESSION_H
 
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "hostsim/Host.h"
@@ -45,6 +48,10 @@ class EffectSession {
   const std::string& about() const { return about_; }
   // The input layer (not owned; must outlive the session's renders).
   void SetInputLayer(const hostsim::World* layer) { host_.SetInputLayer(layer); }
+  // Called on the render threads as rows are done (see hostsim::Host::rowProgress).
+  void SetRowProgress(std::function<void(int64_t done, int64_t total)> progress) {
+    host_.rowProgress = std::move(progress);
+  }
   // Make the host supply this input rectangle instead of request ∩ layer.
   void OverrideSuppliedRect(const PF_LRect& rect) { host_.OverrideSuppliedRect(rect); }
 

@@ -12,6 +12,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -175,6 +176,9 @@ class Host {
   // depth, size, origin and padding the render needs (a host's buffer pool), instead of
   // allocating a new one.
   bool reuseOutput = false;
+  // Called on the iterate threads as each row of an iterate call is done, with the rows done so
+  // far and the rows of the call (a host's progress bar); must be safe to call concurrently.
+  std::function<void(int64_t done, int64_t total)> rowProgress;
   // The PF_PreRenderOutput the host hands to the effect, before the effect writes it.
   PF_PreRenderOutput preRenderOutputPreset{};
 

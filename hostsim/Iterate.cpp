@@ -134,11 +134,16 @@ PF_Err HostCallbacks::Iterate(int depthBits, PF_InData* in_data, A_long progress
   const A_long top = clipped.top;
   std::vector<uint8_t> visited(static_cast<size_t>(clipped.bottom - top), 0);
   std::atomic<PF_Err> firstError{PF_Err_NONE};
+  std::atomic<int64_t> rowsDone{0};
+  const int64_t rowCount = clipped.bottom - top;
   auto row = [&](int64_t y) {
     visited[static_cast<size_t>(y - top)] = 1;
     const PF_Err e = IterateRow(pix_fn, refcon, src, *dst, clipped.left, clipped.right,
                                 static_cast<A_long>(y));
-    if (e == PF_Err_NONE) return true;
+    if (e == PF_Err_NONE) {
+      if (host->rowProgress) host->rowProgress(rowsDone.fetch_add(1) + 1, rowCount);
+      return true;
+    }
     PF_Err none = PF_Err_NONE;
     firstError.compare_exchange_strong(none, e);
     return false;

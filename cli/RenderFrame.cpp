@@ -1,0 +1,338 @@
+#include "RenderFrame.h"
+
+#include <climits>
+#include <cstdio>
+
+#include "CliError.h"
+#include "Fit.h"
+#include "Memory.h"
+
+namespace veltrisca {
+
+RenderJob MakeRenderJob(const RenderCommand& command, const std::string& plugin) {
+  RenderJob job;
+  job.settings = ParseLensOptions(command.lens);
+  job.threads = ParseInt("--threads", command.threads, 0, kMaxThreads);
+  if (!command.window.empty()) {
+    job.window = ParseRect("--window", command.window);
+    if (IsEmptyRect(&*job.window)) throw UsageError("--window: " + command.window + " is empty");
+  }
+  if (command.fit && job.settings.mode != kModeRemove) {
+    throw UsageError("--fit chooses the undistorted size of a remove; apply takes it from the "
+                     "input (its data window when that holds overscan)");
+  }
+  if (command.fit && job.settings.undistortedSize) {
+    throw UsageError("--fit and --undistorted-size both choose the undistorted size; give one");
+  }
+  job.fit = command.fit;
+  job.alpha = command.alpha;
+  job.addAlpha = command.addAlpha;
+  job.output = OutputChoice{command.dataType, command.compression};
+  job.verbose = command.verbose;
+  job.quiet = command.quiet;
+  job.module = LoadEffect(ResolvePluginPath(plugin));
+  return job;
+}
+
+void Notes::operator()(const std::string& text) {
+  if (quiet_) return;
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (said_.insert(text).second) stream_ << "veltrisca: " << text << "\n" << std::flush;
+}
+
+namespace {
+
+// Pixels of a rectangle's area, refusing one whose world could not exist at all.
+long long CheckedPixels(const PF_LRect& r, Depth depth, const std::string& what) {
+  const long long w = static_cast<long long>(r.right) - r.left;
+  const long long h = static_cast<long long>(r.bottom) - r.top;
+  const long long perPixel = PixelDepthOf(depth).bytes;
+  if (w > INT_MAX || h > INT_MAX ||
+      static_cast<unsigned long long>(w) * perPixel >
+          hostsim::kMaxWorldBytes / static_cast<unsigned long long>(h)) {
+    throw IoError(what + " of " + std::to_string(w) + " x " + std::to_string(h) +
+                  " pixels exceeds the host's " + ByteText(hostsim::kMaxWorldBytes) +
+                  " per image buffer");
+  }
+  return w * h;
+}
+
+std::string HalfPixelNote(const DefaultWindow& w, const LensSizes& sizes) {
+  std::string axes;
+  if (w.halfPixelX) {
+    axes = "widths " + std::to_string(sizes.distorted.width) + " and " +
+           std::to_string(sizes.undistorted.width);
+  }
+  if (w.halfPixelY) {
+    axes += (axes.empty() ? "heights " : ", heights ") + std::to_string(sizes.distorted.height) +
+            " and " + std::to_string(sizes.undistorted.height);
+  }
+  return "note: the margin between the distorted and undistorted " + axes +
+         " is odd; the output window " + RectText(w.rect) + " sits half a pixel off the lens centre";
+}
+
+std::string SizeText(const PF_LRect& r) {
+  return std::to_string(static_cast<long long>(r.right) - r.left) + "x" +
+         std::to_string(static_cast<long long>(r.bottom) - r.top) + " at " +
+         std::to_string(r.left) + "," + std::to_string(r.top);
+}
+
+std::string ChannelText(const std::vector<std::string>& names, int alpha) {
+  std::string s;
+  for (size_t c = 0; c < names.size(); ++c) s += (c ? "," : "") + names[c];
+  return s + (alpha >= 0 ? " (alpha " + names[static_cast<size_t>(alpha)] + ")" : " (no alpha)");
+}
+
+std::string Percent(double fraction) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.1f%%", 100.0 * fraction);
+  return text;
+}
+
+// True when some pixel of the world has a non-zero alpha.
+bool AnyAlpha(const hostsim::World* w) {
+  if (!w) return false;
+  for (int y = 0; y < w->height(); ++y) {
+    for (int x = 0; x < w->width(); ++x) {
+      if (w->Get(x, y, 0) != 0.0f) return true;
+    }
+  }
+  return false;
+}
+
+// True when a float image holds a negative value in a channel other than alpha.
+bool HasNegativeColour(const InputImage& input, const PixelBuffer& px) {
+  if (px.depth != Depth::kFloat) return false;
+  const float* v = reinterpret_cast<const float*>(px.bytes.data());
+  const size_t n = px.bytes.size() / sizeof(float);
+  for (size_t i = 0; i < n; ++i) {
+    if (v[i] < 0.0f && static_cast<int>(i % static_cast<size_t>(px.channels)) != input.alphaIndex) {
+      return true;
+    }
+  }
+  return false;
+}
+
+bool SameParams(const hostsim::ParamValues& a, const hostsim::ParamValues& b) {
+  return a.mode == b.mode && a.filter == b.filter && a.distortion == b.distortion &&
+         a.cubic == b.cubic && a.quartic == b.quartic && a.zoom == b.zoom &&
+         a.distortedWidth == b.distortedWidth && a.distortedHeight == b.distortedHeight &&
+         a.pixelAspect == b.pixelAspect && a.undistortedWidth == b.undistortedWidth &&
+         a.undistortedHeight == b.undistortedHeight;
+}
+
+constexpr long long kLargeOutputPixels = 100000000;
+
+// The frame's lens settings, sizes, windows and output file, from its header; warns about what
+// the output will lack.
+FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& notes,
+                    const InputImage& input, const FrameFiles& files) {
+  FramePlan plan;
+  plan.settings = job.settings;
+  plan.frame = PlaceInput(plan.settings.mode, input.dataWindow, input.displayWindow);
+  if (!plan.settings.pixelAspectGiven) {
+    const float fileAspect = input.spec.get_float_attribute("PixelAspectRatio", 0.0f);
+    if (fileAspect > 0.0f && fileAspect != 1.0f) {
+      if (fileAspect < kPixelAspectRange.minimum || fileAspect > kPixelAspectRange.maximum) {
+        throw IoError(files.input + ": its pixel aspect " + std::to_string(fileAspect) +
+                      " is outside the effect's 0.1..10; give --pixel-aspect");
+      }
+      plan.settings.pixelAspect = fileAspect;
+    }
+  }
+  plan.layout = ChooseOutputLayout(input, job.addAlpha);
+  plan.outPlan = PlanOutput(files.output, input, plan.layout, job.output);
+  plan.sizes = ResolveSizes(plan.settings, plan.frame.frame, plan.frame.other);
+  plan.layerRect = Offset(input.dataWindow, -plan.frame.originX, -plan.frame.originY);
+  const long long layerPixels = CheckedPixels(plan.layerRect, input.depth, "the input layer");
+  if (job.fit) plan.sizes.undistorted = FitUndistortedSize(plan.settings, plan.sizes.distorted);
+  plan.params = ToParamValues(plan.settings, plan.sizes);
+
+  const auto [back, outFrame] =
+      planner.Get(plan.params, plan.settings, plan.sizes, plan.frame.frame);
+  plan.window = outFrame.rect;
+  if (job.window) {
+    plan.window = *job.window;
+  } else if (outFrame.halfPixelX || outFrame.halfPixelY) {
+    notes(HalfPixelNote(outFrame, plan.sizes));
+  }
+  const long long windowPixels = CheckedPixels(plan.window, input.depth, "the output window");
+  plan.windows =
+      PlaceOutput(plan.settings.mode, plan.window, outFrame.rect, plan.sizes, plan.frame);
+
+  // Input file buffer, one pass's input layer and the host's copy of it, output world and
+  // output file buffer, all at once at worst; a sequence holds one more input and output
+  // buffer (the next frame read, the last one written).
+  const uint64_t inputBuffer = FileBufferBytes(layerPixels, input.channels, input.depth);
+  const uint64_t outputBuffer = FileBufferBytes(windowPixels, plan.layout.channels, input.depth);
+  const uint64_t need = (job.pipelined ? 2 : 1) * (inputBuffer + outputBuffer) +
+                        2 * WorldBytes(layerPixels, input.depth) +
+                        WorldBytes(windowPixels, input.depth);
+  CheckMemory(need, AvailableMemoryBytes(),
+              "rendering " + files.input + " into a " +
+                  std::to_string(plan.window.right - plan.window.left) + " x " +
+                  std::to_string(plan.window.bottom - plan.window.top) + " window");
+  if (windowPixels > kLargeOutputPixels) {
+    notes("warning: the output is " + std::to_string(windowPixels / 1000000) + " megapixels (" +
+          SizeText(plan.window) + ")");
+  }
+  const PF_LRect distortedFrame =
+      plan.settings.mode == kModeApply
+          ? outFrame.rect
+          : PF_LRect{0, 0, plan.sizes.distorted.width, plan.sizes.distorted.height};
+  const double undoable = UndoableRadius(plan.settings, back.lens);
+  const double lost = UnreachableFraction(back.lens, plan.settings.mode, distortedFrame, undoable);
+  if (lost > 0.0) {
+    notes("warning: " + Percent(lost) + " of the distorted frame lies beyond the radius " +
+          "the lens can invert (" + std::to_string(undoable) +
+          (plan.settings.mode == kModeApply
+               ? "); there the output repeats the edge of what it inverts"
+               : "); that part of the plate is not in the output"));
+  }
+  return plan;
+}
+
+}  // namespace
+
+std::pair<PreRenderReadBack, DefaultWindow> OutputFramePlanner::Get(
+    const hostsim::ParamValues& params, const LensSettings& settings, const LensSizes& sizes,
+    ImageSize frame) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (const auto& [known, result] : known_) {
+    if (SameParams(known, params)) return result;
+  }
+  EffectSession plan(*job_.module, params, job_.threads);
+  plan.OverrideSuppliedRect(PF_LRect{0, 0, 0, 0});
+  const PreRenderReadBack back = plan.PreRender(PF_LRect{0, 0, frame.width, frame.height});
+  plan.Finish();
+  const DefaultWindow outFrame =
+      settings.mode == kModeApply
+          ? ApplyWindow(back.lens.pixOffsetX, back.lens.pixOffsetY, sizes.distorted)
+          : RemoveWindow(back.lens.maxResultRect, sizes);
+  if (!job_.window && IsEmptyRect(&outFrame.rect)) {
+    throw EffectError("the effect's output frame " + RectText(back.lens.maxResultRect) +
+                      " is empty; nothing to render");
+  }
+  known_.emplace_back(params, std::make_pair(back, outFrame));
+  return known_.back().second;
+}
+
+ReadFrame ReadFrameFiles(const RenderJob& job, OutputFramePlanner& planner, Notes& notes,
+                         const FrameFiles& files) {
+  ReadFrame frame;
+  frame.files = files;
+  frame.started = Clock::now();
+  if (SameFile(files.input, files.output)) {
+    throw UsageError("OUT is the same file as IN (" + files.output +
+                     "); write the result to another file");
+  }
+  frame.input = OpenInputImage(files.input, job.alpha);
+  frame.plan = PlanFrame(job, planner, notes, frame.input, files);
+  frame.temp = std::make_unique<TempOutputFile>(files.output);
+  frame.pixels = ReadPixels(frame.input);
+  if (IsKernelFilter(frame.plan.settings.filter) &&
+      HasNegativeColour(frame.input, frame.pixels)) {
+    notes("warning: the input holds negative values, which the " +
+          std::string(FilterName(frame.plan.settings.filter)) +
+          " filter clips to 0 in float images; nearest, bilinear and builtin keep them");
+  }
+  return frame;
+}
+
+RenderedFrame FrameRenderer::Render(ReadFrame frame, Notes& notes,
+                                    const std::function<void(int64_t, int64_t)>& rowProgress) {
+  const FramePlan& plan = frame.plan;
+  if (!session_ || !SameParams(params_, plan.params)) {
+    if (session_) session_->Finish();
+    session_.reset();
+    session_ = std::make_unique<EffectSession>(*job_.module, plan.params, job_.threads);
+    params_ = plan.params;
+  }
+  session_->SetRowProgress(rowProgress);
+  RenderedFrame out;
+  out.result = NewOutputBuffer(frame.input, plan.layout, plan.window);
+  out.passes = PassCount(frame.input);
+  for (int pass = 0; pass < out.passes; ++pass) {
+    std::unique_ptr<hostsim::World> layer =
+        PassLayer(frame.input, frame.pixels, pass, plan.layerRect.left, plan.layerRect.top);
+    session_->SetInputLayer(layer.get());
+    session_->PreRender(plan.window);
+    std::unique_ptr<hostsim::World> rendered = session_->Render();
+    if (pass == 0 && !AnyAlpha(rendered.get())) {
+      notes("warning: the result is fully transparent: no pixel of the input reaches the output" +
+            std::string(plan.settings.zoom == 0.0 ? " (--zoom 0)" : ""));
+    }
+    StorePass(frame.input, plan.layout, pass, rendered.get(), plan.window, &out.result);
+  }
+  session_->SetInputLayer(nullptr);
+  session_->SetRowProgress(nullptr);
+  out.files = std::move(frame.files);
+  out.started = frame.started;
+  out.input = std::move(frame.input);
+  out.plan = std::move(frame.plan);
+  out.temp = std::move(frame.temp);
+  return out;
+}
+
+void FrameRenderer::Finish() {
+  if (session_) session_->Finish();
+  session_.reset();
+}
+
+void WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, std::ostream& out) {
+  const FramePlan& plan = frame.plan;
+  const LensSettings& settings = plan.settings;
+  OIIO::ParamValueList header;
+  header.attribute("Software", std::string("veltrisca ") + kToolVersion);
+  header.attribute("veltrisca:mode", std::string(ModeName(settings.mode)));
+  header.attribute("veltrisca:filter", std::string(FilterName(settings.filter)));
+  header.attribute("veltrisca:distortion", static_cast<float>(settings.distortion));
+  header.attribute("veltrisca:cubic", static_cast<float>(settings.cubic));
+  header.attribute("veltrisca:quartic", static_cast<float>(settings.quartic));
+  header.attribute("veltrisca:zoom", static_cast<float>(settings.zoom));
+  header.attribute("veltrisca:pixelAspect", static_cast<float>(settings.pixelAspect));
+  const int distorted[2] = {plan.sizes.distorted.width, plan.sizes.distorted.height};
+  const int undistorted[2] = {plan.sizes.undistorted.width, plan.sizes.undistorted.height};
+  header.attribute("veltrisca:distortedSize", OIIO::TypeDesc(OIIO::TypeDesc::INT, 2), distorted);
+  header.attribute("veltrisca:undistortedSize", OIIO::TypeDesc(OIIO::TypeDesc::INT, 2),
+                   undistorted);
+  std::vector<std::string> written = plan.outPlan.notes;
+  WriteOutput(frame.temp->path(), frame.files.output, frame.input, plan.layout, plan.outPlan,
+              plan.windows, frame.result, header, job.verbose ? &written : nullptr);
+  frame.temp->Commit();
+  for (const std::string& n : plan.outPlan.notes) notes("note: " + n);
+  if (!job.verbose || job.quiet) return;
+  const double seconds = std::chrono::duration<double>(Clock::now() - frame.started).count();
+  char time[32];
+  std::snprintf(time, sizeof time, "%.2f s", seconds);
+  const InputImage& input = frame.input;
+  std::vector<std::string> inNames;
+  for (int c = 0; c < input.channels; ++c) inNames.emplace_back(input.spec.channel_name(c));
+  out << "read  " << frame.files.input << ": data " << SizeText(input.dataWindow) << ", display "
+      << SizeText(input.displayWindow) << ", " << ChannelText(inNames, input.alphaIndex) << ", "
+      << TypeName(input.spec.format) << " " << input.format << "\n";
+  out << "wrote " << frame.files.output << ": data " << SizeText(plan.windows.data)
+      << ", display " << SizeText(plan.windows.display) << ", "
+      << ChannelText(plan.layout.names, plan.layout.alphaIndex) << ", "
+      << TypeName(plan.outPlan.type) << " " << plan.outPlan.format << "; "
+      << ModeName(settings.mode) << ", " << FilterName(settings.filter) << ", sizes "
+      << plan.sizes.distorted.width << "x" << plan.sizes.distorted.height << " distorted, "
+      << plan.sizes.undistorted.width << "x" << plan.sizes.undistorted.height << " undistorted, "
+      << frame.passes << (frame.passes == 1 ? " pass, " : " passes, ") << time << "\n";
+  for (size_t i = plan.outPlan.notes.size(); i < written.size(); ++i) {
+    out << "  " << written[i] << "\n";
+  }
+}
+
+bool IsReadableImage(const std::string& path) {
+  auto in = OIIO::ImageInput::open(path);
+  if (!in) {
+    OIIO::geterror();  // clear the message this failure left
+    return false;
+  }
+  const bool ok = in->spec().width > 0 && in->spec().height > 0;
+  in->close();
+  return ok;
+}
+
+}  // namespace veltrisca

@@ -1,0 +1,147 @@
+// One frame of `veltrisca render` in three steps, each of which a sequence runs on its own
+// thread so that they overlap (RenderSequence.h): read (header, plan, pixels), render (the
+// effect's passes), write (the output file, atomically).
+#ifndef VT_CLI_RENDERFRAME_H
+#define VT_CLI_RENDERFRAME_H
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <ostream>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "AtomicFile.h"
+#include "Commands.h"
+#include "Frames.h"
+#include "ImageIO.h"
+#include "Options.h"
+#include "OutputFile.h"
+#include "Session.h"
+
+namespace veltrisca {
+
+// What a render command keeps for all its frames: its options, parsed and checked, and the
+// loaded effect.
+struct RenderJob {
+  LensSettings settings;  // as given; a file's pixel aspect is taken per frame
+  int threads = 0;
+  std::optional<PF_LRect> window;  // --window
+  bool fit = false;
+  std::string alpha;
+  bool addAlpha = false;
+  OutputChoice output;
+  bool verbose = false;
+  bool quiet = false;
+  bool pipelined = false;  // frames overlap: memory for one more input and output frame
+  std::unique_ptr<hostsim::PluginModule> module;
+};
+// Parses and checks the command's options (CliError(kExitUsage)) and loads the effect.
+RenderJob MakeRenderJob(const RenderCommand& command, const std::string& plugin);
+
+// Remarks and warnings for stderr, each distinct text once per command: a sequence would
+// otherwise repeat them for every frame. Safe to call from several threads.
+class Notes {
+ public:
+  Notes(std::ostream& stream, bool quiet) : stream_(stream), quiet_(quiet) {}
+  void operator()(const std::string& text);
+
+ private:
+  std::ostream& stream_;
+  bool quiet_;
+  std::mutex mutex_;
+  std::set<std::string> said_;
+};
+
+// The files of one frame; `frame` names it in messages when the files are numbered.
+struct FrameFiles {
+  std::optional<int> frame;
+  std::string input;
+  std::string output;
+};
+
+// Everything decided from a frame's header, before its pixels are read.
+struct FramePlan {
+  LensSettings settings;  // with the file's pixel aspect
+  LensSizes sizes;
+  InputFrame frame;
+  OutputLayout layout;
+  OutputPlan outPlan;
+  PF_LRect layerRect{};  // the data window in layer pixels
+  PF_LRect window{};     // the output rectangle rendered, layer pixels
+  OutputWindows windows;
+  hostsim::ParamValues params;
+};
+
+// The effect's output frame and lens centre for a set of parameters, from a pre-render on a
+// host that supplies no input (no pixels needed); computed once per set of parameters.
+class OutputFramePlanner {
+ public:
+  explicit OutputFramePlanner(const RenderJob& job) : job_(job) {}
+  std::pair<PreRenderReadBack, DefaultWindow> Get(const hostsim::ParamValues& params,
+                                                  const LensSettings& settings,
+                                                  const LensSizes& sizes, ImageSize frame);
+
+ private:
+  const RenderJob& job_;
+  std::mutex mutex_;
+  std::vector<std::pair<hostsim::ParamValues, std::pair<PreRenderReadBack, DefaultWindow>>> known_;
+};
+
+using Clock = std::chrono::steady_clock;
+
+struct ReadFrame {
+  FrameFiles files;
+  Clock::time_point started;
+  InputImage input;  // the header (its reader closed once the pixels are read)
+  FramePlan plan;
+  std::unique_ptr<TempOutputFile> temp;  // made before the pixels are read
+  PixelBuffer pixels;
+};
+
+// Opens the input, plans the frame, checks memory and the output's folder, then reads the
+// pixels. Throws CliError.
+ReadFrame ReadFrameFiles(const RenderJob& job, OutputFramePlanner& planner, Notes& notes,
+                         const FrameFiles& files);
+
+struct RenderedFrame {
+  FrameFiles files;
+  Clock::time_point started;
+  InputImage input;
+  FramePlan plan;
+  std::unique_ptr<TempOutputFile> temp;
+  PixelBuffer result;
+  int passes = 0;
+};
+
+// Renders frames through one effect instance: set up once and kept while the parameters stay
+// the same, as a host renders the frames of a clip.
+class FrameRenderer {
+ public:
+  explicit FrameRenderer(const RenderJob& job) : job_(job) {}
+  // `rowProgress` is called on the render threads as rows are done.
+  RenderedFrame Render(ReadFrame frame, Notes& notes,
+                       const std::function<void(int64_t, int64_t)>& rowProgress);
+  void Finish();  // sequence setdown; throws CliError
+
+ private:
+  const RenderJob& job_;
+  std::unique_ptr<EffectSession> session_;
+  hostsim::ParamValues params_;
+};
+
+// Writes the frame to its temporary file and renames it over the output; the -v report goes
+// to `out`.
+void WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, std::ostream& out);
+
+// True when `path` is an image OpenImageIO can open (render --skip-existing).
+bool IsReadableImage(const std::string& path);
+
+}  // namespace veltrisca
+
+#endif

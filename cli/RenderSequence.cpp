@@ -1,0 +1,278 @@
+#include "RenderSequence.h"
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <exception>
+#include <new>
+#include <optional>
+#include <thread>
+
+#include "CliError.h"
+#include "FramePattern.h"
+
+namespace veltrisca {
+
+FrameSelection SelectFrames(const std::string& input, const std::string& output,
+                            const std::string& framesOption) {
+  const std::optional<FramePattern> in = ParseFramePattern("IN", input, true);
+  const std::optional<FramePattern> out = ParseFramePattern("OUT", output, false);
+  FrameSelection selection;
+  if (!in) {
+    if (out) {
+      throw UsageError("OUT (" + output + ") names frames but IN (" + input +
+                       ") is a single file; give IN a frame number too (e.g. plate.####.exr)");
+    }
+    if (!framesOption.empty()) {
+      throw UsageError("--frames needs a frame number in IN (e.g. plate.####.exr)");
+    }
+    selection.frames.push_back(SequenceEntry{FrameFiles{std::nullopt, input, output}, false});
+    return selection;
+  }
+  if (!out) {
+    throw UsageError("IN (" + input + ") names a sequence; OUT needs a frame number too "
+                     "(e.g. out.####.exr), or every frame would overwrite " + output);
+  }
+  if (in->inlineFrames && !framesOption.empty()) {
+    throw UsageError("IN holds a frame list and --frames gives another; give one");
+  }
+  selection.numbered = true;
+  selection.onDisk = FramesOnDisk(*in);
+  const std::vector<int>& disk = selection.onDisk;
+  std::vector<int> wanted;
+  if (in->inlineFrames) {
+    wanted = *in->inlineFrames;
+  } else if (!framesOption.empty()) {
+    wanted = ParseFrameList("--frames", framesOption);
+  } else if (disk.empty()) {
+    throw IoError("no frame of " + input + " exists");
+  } else {
+    // The shot runs from the first frame on disk to the last; a hole in it is a missing frame.
+    for (int f = disk.front(); f <= disk.back(); ++f) wanted.push_back(f);
+  }
+  for (const int frame : wanted) {
+    const bool exists = std::binary_search(disk.begin(), disk.end(), frame);
+    if (!exists && (disk.empty() || frame < disk.front() || frame > disk.back())) {
+      selection.outside.push_back(frame);
+      continue;
+    }
+    selection.frames.push_back(
+        SequenceEntry{FrameFiles{frame, FramePath(*in, frame), FramePath(*out, frame)}, !exists});
+  }
+  if (selection.frames.empty()) {
+    std::vector<int> sorted = wanted;
+    std::sort(sorted.begin(), sorted.end());
+    throw IoError("none of the frames " + FrameListText(sorted) + " of " + input + " exist" +
+                  (disk.empty() ? std::string()
+                                : " (the frames on disk are " + FrameListText(disk) + ")"));
+  }
+  std::sort(selection.outside.begin(), selection.outside.end());
+  return selection;
+}
+
+namespace {
+
+// A one-place hand-over between two threads. Put waits until the item has been taken, so a
+// producer never runs more than one item ahead of its consumer.
+template <class T>
+class Handoff {
+ public:
+  // False when the consumer closed the hand-over (the item is dropped).
+  bool Put(T item) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [&] { return !item_ || closed_; });
+    if (closed_) return false;
+    item_ = std::move(item);
+    changed_.notify_all();
+    changed_.wait(lock, [&] { return !item_ || closed_; });
+    return !item_;
+  }
+  // The next item; nullopt once closed and empty.
+  std::optional<T> Take() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [&] { return item_ || closed_; });
+    std::optional<T> item = std::move(item_);
+    item_.reset();
+    changed_.notify_all();
+    return item;
+  }
+  // No more items will be put (producer) or taken (consumer).
+  void Close() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    closed_ = true;
+    changed_.notify_all();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::optional<T> item_;
+  bool closed_ = false;
+};
+
+// A frame on its way through the pipeline: its data, or why it has none.
+template <class T>
+struct Stage {
+  FrameFiles files;
+  std::optional<T> value;
+  bool skipped = false;
+  std::exception_ptr error;
+};
+
+// Runs `step` and turns what it throws into the stage's error.
+template <class T, class Step>
+Stage<T> Attempt(const FrameFiles& files, Step step) {
+  Stage<T> stage;
+  stage.files = files;
+  try {
+    stage.value.emplace(step());
+  } catch (...) {
+    stage.error = std::current_exception();
+  }
+  return stage;
+}
+
+template <class To, class From>
+Stage<To> Forward(Stage<From>&& from) {
+  Stage<To> to;
+  to.files = std::move(from.files);
+  to.skipped = from.skipped;
+  to.error = from.error;
+  return to;
+}
+
+// "frame 3", "frames 3-5,9".
+std::string FramesText(const std::vector<int>& frames) {
+  return (frames.size() == 1 ? "frame " : "frames ") + FrameListText(frames);
+}
+
+// The message and exit code of a failure.
+std::pair<std::string, int> Describe(const std::exception_ptr& error) {
+  try {
+    std::rethrow_exception(error);
+  } catch (const CliError& e) {
+    return {e.what(), e.exitCode()};
+  } catch (const std::bad_alloc&) {
+    return {"out of memory", kExitIo};
+  } catch (const std::exception& e) {
+    return {e.what(), kExitIo};
+  }
+}
+
+}  // namespace
+
+int RenderSelection(RenderJob& job, const FrameSelection& selection,
+                    const SequenceOptions& options, Progress& progress, Notes& notes,
+                    std::ostream& out, std::ostream& err) {
+  std::vector<int> missing;
+  for (const SequenceEntry& e : selection.frames) {
+    if (e.missing) missing.push_back(*e.files.frame);
+  }
+  if (!missing.empty() && !options.keepGoing) {
+    throw IoError(FramesText(missing) + (missing.size() == 1 ? " is" : " are") +
+                  " missing from the sequence on disk (" +
+                  FrameListText(selection.onDisk) + "); nothing was rendered (--keep-going " +
+                  "renders the frames that exist)");
+  }
+  if (!selection.outside.empty()) {
+    notes(FramesText(selection.outside) + (selection.outside.size() == 1 ? " lies" : " lie") +
+          " outside the sequence on disk (" +
+          FrameListText(selection.onDisk) + "); skipped");
+  }
+  job.pipelined = selection.frames.size() > 1;
+  OutputFramePlanner planner(job);
+  FrameRenderer renderer(job);
+  Handoff<Stage<ReadFrame>> toRender;
+  Handoff<Stage<RenderedFrame>> toWrite;
+  const bool stopAtFailure = !options.keepGoing;
+
+  std::thread reader([&] {
+    for (const SequenceEntry& entry : selection.frames) {
+      Stage<ReadFrame> stage;
+      if (entry.missing) {
+        stage.files = entry.files;
+        stage.error = std::make_exception_ptr(
+            IoError(entry.files.input + " is missing from the sequence"));
+      } else if (options.skipExisting && IsReadableImage(entry.files.output)) {
+        stage.files = entry.files;
+        stage.skipped = true;
+      } else {
+        stage = Attempt<ReadFrame>(entry.files, [&] {
+          return ReadFrameFiles(job, planner, notes, entry.files);
+        });
+      }
+      const bool failed = stage.error != nullptr;
+      if (!toRender.Put(std::move(stage)) || (failed && stopAtFailure)) break;
+    }
+    toRender.Close();
+  });
+
+  // Failures in frame order, kept by the writer, which sees every frame last.
+  std::vector<std::pair<FrameFiles, std::exception_ptr>> failures;
+  std::thread writer([&] {
+    while (std::optional<Stage<RenderedFrame>> stage = toWrite.Take()) {
+      if (stage->value) {
+        try {
+          WriteFrame(job, std::move(*stage->value), notes, out);
+        } catch (...) {
+          stage->error = std::current_exception();
+        }
+      }
+      if (stage->error) {
+        failures.emplace_back(stage->files, stage->error);
+        // A single file's failure is the command's error, said by the caller.
+        progress.Done(stage->files, Progress::Outcome::kFailed,
+                      selection.numbered ? MessageLine("frame " +
+                                                       std::to_string(*stage->files.frame) +
+                                                       ": " + Describe(stage->error).first)
+                                         : std::string());
+        if (stopAtFailure) break;
+      } else {
+        progress.Done(stage->files,
+                      stage->skipped ? Progress::Outcome::kSkipped : Progress::Outcome::kWritten);
+      }
+    }
+    toWrite.Close();
+  });
+
+  // This thread renders.
+  while (std::optional<Stage<ReadFrame>> stage = toRender.Take()) {
+    Stage<RenderedFrame> rendered;
+    if (stage->value) {
+      progress.Started(stage->files);
+      rendered = Attempt<RenderedFrame>(stage->files, [&] {
+        return renderer.Render(std::move(*stage->value), notes,
+                               [&](int64_t done, int64_t total) { progress.Rows(done, total); });
+      });
+    } else {
+      rendered = Forward<RenderedFrame>(std::move(*stage));
+    }
+    const bool failed = rendered.error != nullptr;
+    if (!toWrite.Put(std::move(rendered)) || (failed && stopAtFailure)) break;
+  }
+  toRender.Close();
+  toWrite.Close();
+  reader.join();
+  writer.join();
+  progress.Finish(static_cast<int>(failures.size()));
+  if (failures.empty()) {
+    renderer.Finish();
+    return kExitOk;
+  }
+  try {
+    renderer.Finish();
+  } catch (const CliError&) {
+    // The failure already being reported says more than a setdown after it.
+  }
+  if (!selection.numbered) std::rethrow_exception(failures.front().second);
+  if (options.keepGoing) {
+    std::vector<int> frames;
+    for (const auto& failure : failures) frames.push_back(*failure.first.frame);
+    std::sort(frames.begin(), frames.end());
+    err << "veltrisca: " << failures.size() << " of " << selection.frames.size()
+        << " frames failed: " << FrameListText(frames) << "\n";
+  }
+  return Describe(failures.front().second).second;
+}
+
+}  // namespace veltrisca
