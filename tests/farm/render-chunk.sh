@@ -24,12 +24,7 @@ end=$((end < last ? end : last))
 
 # Frames $1 to $2, the rest of the arguments being render options.
 render_frames() {
-  local f n rc=0
-  for ((f = $1; f <= $2; f++)); do
-    printf -v n %04d "$f"
-    "$veltrisca" render "${in//"####"/$n}" "${out//"####"/$n}" "${@:3}" || rc=$?
-  done
-  return "$rc"
+  "$veltrisca" render "$in" "$out" --frames "$1-$2" --keep-going "${@:3}"
 }
 
 render_frames "$first" "$end" "$@"
