@@ -7,7 +7,8 @@
 #
 # LAST is the sequence's last frame, where the final chunk stops. The tool is $VELTRISCA, else
 # veltrisca on the PATH. The task's exit status is the tool's: non-zero when a frame failed,
-# and the other frames of the chunk are rendered all the same.
+# and the other frames of the chunk are rendered all the same. A task run again (scontrol
+# requeue) renders only the frames whose output is missing.
 #SBATCH --job-name=veltrisca-render
 #SBATCH --cpus-per-task=1
 set -euo pipefail
@@ -24,7 +25,7 @@ end=$((end < last ? end : last))
 
 # Frames $1 to $2, the rest of the arguments being render options.
 render_frames() {
-  "$veltrisca" render "$in" "$out" --frames "$1-$2" --keep-going "${@:3}"
+  "$veltrisca" render "$in" "$out" --frames "$1-$2" --keep-going --skip-existing "${@:3}"
 }
 
 render_frames "$first" "$end" "$@"

@@ -4,6 +4,8 @@
 #   1. every output frame is byte for byte the frame a single render of its input writes;
 #   2. with one input frame truncated, the task of that chunk ends FAILED with the tool's exit
 #      code 2 and no output for that frame, while every other frame, of that chunk too, renders.
+#   3. with that frame repaired, the failed task run again (scontrol requeue) renders frame 13
+#      and leaves the frames it had already written alone.
 # The cluster is stopped however the test ends (failure, interrupt or success).
 #
 #   tests/farm/slurm-array-test.sh path/to/veltrisca
@@ -75,21 +77,29 @@ for ((f = 1; f <= frames; f++)); do
 done
 cmp -s "$work/ref/ref.0001.exr" "$work/ref/ref.0002.exr" && fail "frames 1 and 2 render alike"
 
+# Waits until every task of job $1 has ended (polling the controller: sbatch --wait backs off
+# to ever longer sleeps).
+wait_job() {
+  local deadline=$((SECONDS + 120)) tasks
+  while :; do
+    tasks=$(scontrol show job -o "$1") || fail "scontrol cannot show job $1"
+    # One line a task; it has ended once it is in one of Slurm's final states.
+    [ "$(grep -cvE 'JobState=(COMPLETED|FAILED|CANCELLED|TIMEOUT|NODE_FAIL|OUT_OF_MEMORY|BOOT_FAIL|DEADLINE|PREEMPTED) ' <<<"$tasks")" -eq 0 ] &&
+      return 0
+    [ $SECONDS -lt $deadline ] || fail "job $1 has not ended after 120 s: $tasks"
+    sleep 0.5
+  done
+}
+
 # Submits the sequence from $work/in to $work/$1 and waits for every task to end; sets job to
-# the job id. (Polling the controller here: sbatch --wait backs off to ever longer sleeps.)
+# the job id.
 submit() {
   mkdir -p "$work/$1"
   job=$(cd "$work" && sbatch --parsable --array=1-$frames:$chunk \
     --output="$work/logs/%A_%a.log" "$here/render-chunk.sh" \
     "$work/in/in.####.exr" "$work/$1/out.####.exr" $frames "${opts[@]}")
   [[ $job =~ ^[0-9]+$ ]] || fail "sbatch printed '$job' instead of a job id"
-  local deadline=$((SECONDS + 120)) tasks
-  while :; do
-    tasks=$(scontrol show job -o "$job") || fail "scontrol cannot show job $job"
-    grep -qE 'JobState=(PENDING|CONFIGURING|RUNNING|COMPLETING)' <<<"$tasks" || break
-    [ $SECONDS -lt $deadline ] || fail "job $job has not ended after 120 s: $tasks"
-    sleep 0.5
-  done
+  wait_job "$job"
 }
 
 # Each task of job $1 as TASK=STATE/EXIT:SIGNAL, in task order, from the controller's records
@@ -127,6 +137,7 @@ echo "slurm-array-test: $frames frames in chunks of $chunk rendered as on one pr
   "($((SECONDS - start)) s)"
 
 start=$SECONDS
+cp "$work/in/in.0013.exr" "$work/in.0013.intact.exr"
 truncate -s 1000 "$work/in/in.0013.exr"
 submit damaged
 states=$(task_states "$job")
@@ -137,3 +148,19 @@ grep -q "in\.0013\.exr" "$work/logs/${job}_11.log" ||
 check_outputs damaged 13
 echo "slurm-array-test: a truncated frame 13 failed task 11 alone, the other 23 frames" \
   "rendered ($((SECONDS - start)) s)"
+
+# The input repaired, the failed task run again renders frame 13 and leaves the frames it had
+# written alone (an output rewritten is a new file: outputs are renamed into place).
+start=$SECONDS
+cp "$work/in.0013.intact.exr" "$work/in/in.0013.exr"
+before=$(stat -c '%n %i' "$work"/damaged/out.00{11,12,14,15}.exr)
+scontrol requeue "${job}_11"
+wait_job "$job"
+states=$(task_states "$job")
+expected="1=COMPLETED/0:0 6=COMPLETED/0:0 11=COMPLETED/0:0 16=COMPLETED/0:0 21=COMPLETED/0:0 "
+[ "$states" = "$expected" ] || fail "after the requeue tasks ended as '$states', expected '$expected'"
+check_outputs damaged
+[ "$(stat -c '%n %i' "$work"/damaged/out.00{11,12,14,15}.exr)" = "$before" ] ||
+  fail "the requeued task rendered again frames it had already written"
+echo "slurm-array-test: task 11 requeued after the repair rendered frame 13 alone" \
+  "($((SECONDS - start)) s)"
