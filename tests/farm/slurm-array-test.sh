@@ -81,11 +81,11 @@ cmp -s "$work/ref/ref.0001.exr" "$work/ref/ref.0002.exr" && fail "frames 1 and 2
 # to ever longer sleeps).
 wait_job() {
   local deadline=$((SECONDS + 120)) tasks
+  local final='JobState=(COMPLETED|FAILED|CANCELLED|TIMEOUT|NODE_FAIL|OUT_OF_MEMORY|BOOT_FAIL|DEADLINE|PREEMPTED) '
   while :; do
+    # One line a task; the job has ended when every line shows one of Slurm's final states.
     tasks=$(scontrol show job -o "$1") || fail "scontrol cannot show job $1"
-    # One line a task; it has ended once it is in one of Slurm's final states.
-    [ "$(grep -cvE 'JobState=(COMPLETED|FAILED|CANCELLED|TIMEOUT|NODE_FAIL|OUT_OF_MEMORY|BOOT_FAIL|DEADLINE|PREEMPTED) ' <<<"$tasks")" -eq 0 ] &&
-      return 0
+    grep -qvE "$final" <<<"$tasks" || return 0
     [ $SECONDS -lt $deadline ] || fail "job $1 has not ended after 120 s: $tasks"
     sleep 0.5
   done
