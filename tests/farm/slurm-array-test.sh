@@ -80,13 +80,13 @@ cmp -s "$work/ref/ref.0001.exr" "$work/ref/ref.0002.exr" && fail "frames 1 and 2
 # Waits until every task of job $1 has ended (polling the controller: sbatch --wait backs off
 # to ever longer sleeps).
 wait_job() {
-  local deadline=$((SECONDS + 120)) tasks
+  local deadline=$((SECONDS + 60)) tasks
   local final='JobState=(COMPLETED|FAILED|CANCELLED|TIMEOUT|NODE_FAIL|OUT_OF_MEMORY|BOOT_FAIL|DEADLINE|PREEMPTED) '
   while :; do
     # One line a task; the job has ended when every line shows one of Slurm's final states.
     tasks=$(scontrol show job -o "$1") || fail "scontrol cannot show job $1"
     grep -qvE "$final" <<<"$tasks" || return 0
-    [ $SECONDS -lt $deadline ] || fail "job $1 has not ended after 120 s: $tasks"
+    [ $SECONDS -lt $deadline ] || fail "job $1 has not ended after 60 s: $tasks"
     sleep 0.5
   done
 }
