@@ -2,6 +2,9 @@
 # Installs what the build, the tests, the demo and the benchmarks' build need from Debian's
 # package archive, and nothing more (idempotent: only missing packages are installed).
 #
+#   scripts/setup.sh            what the README's commands need
+#   scripts/setup.sh --farm     that and a farm manager for the farm test (tests/farm/)
+#
 #   g++ make cmake                  the compiler and the build
 #   libopenimageio-dev              image files; Debian's CMake package for it names the
 #   openimageio-tools               command-line tools (iconvert, oiiotool...) as imported
@@ -15,10 +18,23 @@
 #   liblensfun-data-v1              liblensfun; the tests compare with its own correction
 #   python3-opencv                  test only: OpenCV's initUndistortRectifyMap as the oracle
 #                                   of lens --from opencv (tests/cli/LensImportTest.cpp)
+#
+# With --farm only:
+#   slurm-wlm                       Slurm's controller, node daemon and commands: the farm test
+#                                   runs a job array on a one-node cluster that
+#                                   scripts/slurm-local.sh starts as plain processes
+#   munge                           the credentials Slurm's daemons and commands authenticate
+#                                   with (the cluster runs a munged of its own, with its own key)
 set -euo pipefail
 packages=(g++ make cmake libopenimageio-dev openimageio-tools zlib1g-dev libcli11-dev
           libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev liblensfun-dev
           liblensfun-data-v1 python3-opencv)
+for arg in "$@"; do
+  case $arg in
+    --farm) packages+=(slurm-wlm munge) ;;
+    *) echo "usage: $0 [--farm]" >&2; exit 2 ;;
+  esac
+done
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
