@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <fstream>
 
 #include "CliTestSupport.h"
@@ -157,16 +158,22 @@ TEST_F(Shot, ADamagedFrameStopsTheRunUnlessKeepGoing) {
   EXPECT_TRUE(Exists(Out(4)) && Exists(Out(5)));
   EXPECT_FALSE(Exists(Out(3)));
   EXPECT_NE(run.err.find("1 of 5 frames failed: 3"), std::string::npos) << run.err;
-  // Progress for an Open Job Description action: rising whole percentages up to 100.
-  std::istringstream lines(run.out);
-  int last = -1;
-  for (std::string line; std::getline(lines, line);) {
-    ASSERT_EQ(line.rfind("openjd_progress: ", 0), 0u) << line;
-    const int percent = std::stoi(line.substr(17));
-    EXPECT_GT(percent, last);
-    last = percent;
+  // Progress for an Open Job Description action: rising whole percentages from 0 to 100, the
+  // rows of a frame counted in (a single file reports its rows alone).
+  const auto single = RunVeltrisca({"render", Plate(1), dir / "single.exr", "--progress", "openjd"});
+  for (const std::string& out : {run.out, single.out}) {
+    std::istringstream lines(out);
+    std::vector<int> percents;
+    for (std::string line; std::getline(lines, line);) {
+      ASSERT_EQ(line.rfind("openjd_progress: ", 0), 0u) << line;
+      percents.push_back(std::stoi(line.substr(17)));
+    }
+    ASSERT_GT(percents.size(), 5u) << out;
+    EXPECT_TRUE(std::is_sorted(percents.begin(), percents.end()) &&
+                std::adjacent_find(percents.begin(), percents.end()) == percents.end());
+    EXPECT_EQ(percents.front(), 0);
+    EXPECT_EQ(percents.back(), 100);
   }
-  EXPECT_EQ(last, 100);
   // Nothing half-written is left behind.
   for (const auto& name : dir.Entries()) EXPECT_NE(name[0], '.') << name;
 }
