@@ -1,5 +1,6 @@
-// Helpers for the veltrisca tests: running the built program, scratch folders, a minimal JSON
-// reader (independent of the tool's writer) and image files through OpenImageIO.
+// Helpers for the veltrisca tests: the tool run in this process or as a program of its own,
+// the refusal rules, scratch folders, JSON through nlohmann-json and image files through
+// OpenImageIO.
 #ifndef VT_TESTS_CLI_CLITESTSUPPORT_H
 #define VT_TESTS_CLI_CLITESTSUPPORT_H
 
@@ -8,19 +9,31 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cctype>
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <iterator>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
+
+#include "cli/Commands.h"
 
 namespace vt_cli_test {
 
 namespace fs = std::filesystem;
+using Json = nlohmann::json;
+using Args = std::vector<std::string>;
 
 // A fresh folder under the test temp dir, removed with everything in it at the end.
 class ScratchDir {
@@ -36,186 +49,119 @@ class ScratchDir {
   }
   std::string operator/(const std::string& name) const { return (path_ / name).string(); }
   const fs::path& path() const { return path_; }
-  std::vector<std::string> Entries() const {
-    std::vector<std::string> names;
-    for (const auto& e : fs::directory_iterator(path_)) names.push_back(e.path().filename());
-    return names;
-  }
 
  private:
   fs::path path_;
 };
 
-struct RunResult {
-  int exitCode = -1;
-  std::string out;
-  std::string err;
-};
-
-inline std::string ShellQuote(const std::string& s) {
-  std::string q = "'";
-  for (char c : s) q += (c == '\'') ? std::string("'\\''") : std::string(1, c);
-  return q + "'";
-}
-
 inline std::string Slurp(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  std::ostringstream s;
-  s << in.rdbuf();
-  return s.str();
+  return {std::istreambuf_iterator<char>(in), {}};
 }
 
-// Runs the built veltrisca with the plug-in that was built beside it.
-inline RunResult RunVeltrisca(const std::vector<std::string>& args) {
-  static int counter = 0;
-  const std::string base = (fs::path(::testing::TempDir()) /
-                            ("vt_cli_run_" + std::to_string(getpid()) + "_" +
-                             std::to_string(counter++)))
-                               .string();
-  std::string cmd = ShellQuote(VT_CLI_PATH) + " --plugin " + ShellQuote(VT_EFFECT_PATH);
-  for (const auto& a : args) cmd += " " + ShellQuote(a);
-  cmd += " >" + ShellQuote(base + ".out") + " 2>" + ShellQuote(base + ".err");
-  const int status = std::system(cmd.c_str());
+inline void Write(const std::string& path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary) << bytes;
+}
+
+// A command line split at its spaces; "IN" and "OUT" stand for the given paths.
+inline Args Split(const std::string& line, const std::string& in = "",
+                  const std::string& out = "") {
+  Args args;
+  std::istringstream words(line);
+  for (std::string w; words >> w;) args.push_back(w == "IN" ? in : w == "OUT" ? out : w);
+  return args;
+}
+
+inline Args Cat(Args a, const Args& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+struct RunResult {
+  int exitCode = -1;
+  std::string out, err;
+};
+
+// RunCli in this process, with the plug-in built beside the tool (main only ignores SIGXFSZ and
+// passes the arguments on). File descriptor 2 is captured around the call and put before what
+// the tool wrote to its error stream, so that a library printing on its own shows too.
+inline RunResult RunTool(Args args) {
+  args.insert(args.begin(), {"--plugin", VT_EFFECT_PATH});
+  std::fflush(stderr);
+  const int saved = dup(2);
+  std::FILE* capture = std::tmpfile();
+  if (saved < 0 || !capture) throw std::runtime_error("cannot capture stderr");
+  dup2(fileno(capture), 2);
+  std::ostringstream out, err;
   RunResult r;
-  r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  r.out = Slurp(base + ".out");
-  r.err = Slurp(base + ".err");
-  std::remove((base + ".out").c_str());
-  std::remove((base + ".err").c_str());
+  r.exitCode = veltrisca::RunCli(args, out, err);
+  std::fflush(stderr);
+  dup2(saved, 2);
+  close(saved);
+  std::rewind(capture);
+  for (int c; (c = std::fgetc(capture)) != EOF;) r.err += static_cast<char>(c);
+  std::fclose(capture);
+  r.err += err.str();
+  r.out = out.str();
   return r;
 }
 
-// --- JSON ------------------------------------------------------------------------------
-// Enough of JSON for the tool's output: objects, arrays, strings with escapes, numbers (kept
-// as their text, so that the test decides how to read them), null.
-struct JsonValue {
-  enum Kind { kNull, kNumber, kString, kArray, kObject } kind = kNull;
-  std::string text;  // number token or string contents
-  std::vector<JsonValue> items;
-  std::map<std::string, JsonValue> members;
+// A run that must succeed.
+inline RunResult RunOk(const Args& args) {
+  RunResult r = RunTool(args);
+  EXPECT_EQ(r.exitCode, 0) << args[0] << ": " << r.err;
+  return r;
+}
 
-  double Number() const { return std::strtod(Token().c_str(), nullptr); }
-  float Float() const { return std::strtof(Token().c_str(), nullptr); }
-  const JsonValue& operator[](const std::string& key) const {
-    auto it = members.find(key);
-    if (it == members.end()) throw std::runtime_error("missing key " + key);
-    return it->second;
-  }
-  std::vector<long long> Ints() const {
-    std::vector<long long> v;
-    for (const auto& i : items) v.push_back(std::stoll(i.Token()));
-    return v;
-  }
-  const std::string& Token() const {
-    if (kind != kNumber) throw std::runtime_error("not a number: " + text);
-    return text;
-  }
-};
+// The built program in a process of its own, its files limited to `limit` bytes (a multiple
+// of 512: the shell's ulimit counts blocks). The paths hold no quotes.
+inline RunResult RunProcess(const Args& args, long limit) {
+  const std::string base =
+      (fs::path(::testing::TempDir()) / ("vt_cli_run_" + std::to_string(getpid()))).string();
+  std::string cmd = "ulimit -f " + std::to_string(limit / 512) +
+                    "; exec '" VT_CLI_PATH "' --plugin '" VT_EFFECT_PATH "'";
+  for (const auto& a : args) cmd += " '" + a + "'";
+  const int status = std::system((cmd + " >" + base + ".out 2>" + base + ".err").c_str());
+  RunResult r{WIFEXITED(status) ? WEXITSTATUS(status) : -1, Slurp(base + ".out"),
+              Slurp(base + ".err")};
+  fs::remove(base + ".out");
+  fs::remove(base + ".err");
+  return r;
+}
 
-class JsonReader {
- public:
-  explicit JsonReader(const std::string& text) : s_(text) {}
-  JsonValue Document() {
-    JsonValue v = Value();
-    if (Peek() != '\0') Fail("trailing text");
-    return v;
-  }
+// A refusal: the exit code, one line on stderr starting with "veltrisca: " that mentions
+// `mentions`, nothing on stdout. `label` names the case in failure messages.
+inline void ExpectRefusal(const RunResult& r, int exitCode, const std::string& mentions,
+                          const std::string& label) {
+  EXPECT_EQ(r.exitCode, exitCode) << label << ": " << r.err;
+  EXPECT_EQ(r.err.rfind("veltrisca: ", 0), 0u) << label << ": " << r.err;
+  EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << label << ": not one line: " << r.err;
+  EXPECT_NE(r.err.find(mentions), std::string::npos) << label << ": " << r.err;
+  EXPECT_TRUE(r.out.empty()) << label << ": " << r.out;
+}
 
- private:
-  [[noreturn]] void Fail(const std::string& what) {
-    throw std::runtime_error("JSON: " + what + " at offset " + std::to_string(i_));
+// Everything under a folder: relative path -> what it is (a file by its size and a hash).
+using Snapshot = std::map<std::string, std::string>;
+inline Snapshot Take(const fs::path& root) {
+  Snapshot s;
+  for (const auto& e : fs::recursive_directory_iterator(root)) {
+    const std::string bytes = e.is_regular_file() ? Slurp(e.path()) : "";
+    s[fs::relative(e.path(), root)] =
+        e.is_symlink()        ? "link to " + fs::read_symlink(e.path()).string()
+        : e.is_regular_file() ? std::to_string(bytes.size()) + " bytes, " +
+                                    std::to_string(std::hash<std::string>{}(bytes))
+        : e.is_directory() ? "folder"
+                           : "special file";
   }
-  char Peek() {  // next non-blank character, '\0' at the end
-    while (i_ < s_.size() && std::isspace(static_cast<unsigned char>(s_[i_]))) ++i_;
-    return i_ < s_.size() ? s_[i_] : '\0';
-  }
-  void Expect(char c) {
-    if (Peek() != c) Fail(std::string("expected ") + c);
-    ++i_;
-  }
-  std::string String() {
-    Expect('"');
-    std::string out;
-    for (;;) {
-      if (i_ >= s_.size()) Fail("unterminated string");
-      char c = s_[i_++];
-      if (c == '"') return out;
-      if (static_cast<unsigned char>(c) < 0x20) Fail("raw control character in string");
-      if (c == '\\') {
-        const char e = i_ < s_.size() ? s_[i_++] : '\0';
-        const std::string from = "nrtbf\"\\/", to = "\n\r\t\b\f\"\\/";
-        if (e == 'u') {
-          c = static_cast<char>(std::stoi(s_.substr(i_, 4), nullptr, 16));
-          i_ += 4;
-        } else if (from.find(e) != std::string::npos) {
-          c = to[from.find(e)];
-        } else {
-          Fail("bad escape");
-        }
-      }
-      out += c;
-    }
-  }
-  JsonValue Value() {
-    JsonValue v;
-    const char c = Peek();
-    if (c == '{' || c == '[') {
-      v.kind = c == '{' ? JsonValue::kObject : JsonValue::kArray;
-      const char close = c == '{' ? '}' : ']';
-      ++i_;
-      if (Peek() == close) { ++i_; return v; }
-      for (;;) {
-        if (v.kind == JsonValue::kObject) {
-          const std::string key = String();
-          if (v.members.count(key)) Fail("duplicate key " + key);
-          Expect(':');
-          v.members[key] = Value();
-        } else {
-          v.items.push_back(Value());
-        }
-        if (Peek() == ',') { ++i_; continue; }
-        Expect(close);
-        return v;
-      }
-    }
-    if (c == '"') {
-      v.kind = JsonValue::kString;
-      v.text = String();
-      return v;
-    }
-    if (s_.compare(i_, 4, "null") == 0) { i_ += 4; return v; }
-    // A number, by the JSON grammar: -?(0|[1-9][0-9]*)(.[0-9]+)?([eE][+-]?[0-9]+)?
-    const size_t start = i_;
-    auto digits = [&] {
-      const size_t d = i_;
-      while (i_ < s_.size() && std::isdigit(static_cast<unsigned char>(s_[i_]))) ++i_;
-      if (i_ == d) Fail("expected a value");
-    };
-    if (s_[i_] == '-') ++i_;
-    if (i_ < s_.size() && s_[i_] == '0') ++i_; else digits();
-    if (i_ < s_.size() && s_[i_] == '.') { ++i_; digits(); }
-    if (i_ < s_.size() && (s_[i_] == 'e' || s_[i_] == 'E')) {
-      ++i_;
-      if (i_ < s_.size() && (s_[i_] == '+' || s_[i_] == '-')) ++i_;
-      digits();
-    }
-    v.kind = JsonValue::kNumber;
-    v.text = s_.substr(start, i_ - start);
-    return v;
-  }
-
-  const std::string& s_;
-  size_t i_ = 0;
-};
-
-inline JsonValue ParseJson(const std::string& text) { return JsonReader(text).Document(); }
+  return s;
+}
 
 // --- Images ----------------------------------------------------------------------------
 struct Image {
   int width = 0, height = 0, channels = 0;
-  OIIO::TypeDesc format;         // the file's sample type
-  std::vector<float> pixels;     // as floats, for measuring
-  std::vector<uint8_t> raw;      // in the file's own type, for exact comparisons
+  OIIO::TypeDesc format;      // the file's sample type
+  std::vector<float> pixels;  // as floats, for measuring
+  std::vector<uint8_t> raw;   // in the file's own type, for exact comparisons
   OIIO::ImageSpec spec;
 };
 
@@ -224,12 +170,8 @@ inline Image ReadImage(const std::string& path) {
   config.attribute("oiio:UnassociatedAlpha", 1);
   auto in = OIIO::ImageInput::open(path, &config);
   if (!in) throw std::runtime_error("cannot open " + path + ": " + OIIO::geterror());
-  Image im;
-  im.spec = in->spec();
-  im.width = im.spec.width;
-  im.height = im.spec.height;
-  im.channels = im.spec.nchannels;
-  im.format = im.spec.format;
+  Image im{in->spec().width, in->spec().height, in->spec().nchannels, in->spec().format, {}, {},
+           in->spec()};
   const size_t n = size_t(im.width) * im.height * im.channels;
   im.pixels.resize(n);
   im.raw.resize(n * im.format.size());
@@ -240,33 +182,48 @@ inline Image ReadImage(const std::string& path) {
   return im;
 }
 
-// Writes samples given in `type` (data interleaved, channels per pixel).
-inline void WriteImage(const std::string& path, int width, int height, int channels,
-                       OIIO::TypeDesc fileType, OIIO::TypeDesc dataType, const void* data,
-                       const std::map<std::string, std::string>& attributes = {}) {
+// Writes `data` (interleaved samples of `dataType`) as `spec` says; 2 or 4 channels carry an
+// unassociated alpha.
+inline void WriteSpec(const std::string& path, OIIO::ImageSpec spec, OIIO::TypeDesc dataType,
+                      const void* data) {
   auto out = OIIO::ImageOutput::create(path);
-  if (!out) throw std::runtime_error("no writer for " + path);
-  OIIO::ImageSpec spec(width, height, channels, fileType);
-  for (const auto& a : attributes) spec.attribute(a.first, a.second);
-  if (channels == 2 || channels == 4) {
-    spec.attribute("oiio:UnassociatedAlpha", 1);
-  }
-  if (!out->open(path, spec) || !out->write_image(dataType, data) || !out->close()) {
-    throw std::runtime_error("cannot write " + path + ": " + out->geterror());
+  if (spec.nchannels == 2 || spec.nchannels == 4) spec.attribute("oiio:UnassociatedAlpha", 1);
+  if (!out || !out->open(path, spec) || !out->write_image(dataType, data) || !out->close()) {
+    throw std::runtime_error("cannot write " + path + ": " + OIIO::geterror());
   }
 }
 
-// Deterministic pseudo-random bytes (xorshift).
+inline void WriteImage(const std::string& path, int width, int height, int channels,
+                       OIIO::TypeDesc fileType, OIIO::TypeDesc dataType, const void* data,
+                       const std::map<std::string, std::string>& attributes = {}) {
+  OIIO::ImageSpec spec(width, height, channels, fileType);
+  for (const auto& a : attributes) spec.attribute(a.first, a.second);
+  WriteSpec(path, spec, dataType, data);
+}
+
+// Deterministic pseudo-random words (xorshift) and bytes.
 inline std::vector<uint32_t> Noise(size_t n, uint32_t seed) {
   std::vector<uint32_t> v(n);
-  uint32_t x = seed ? seed : 1;
   for (auto& e : v) {
-    x ^= x << 13;
-    x ^= x >> 17;
-    x ^= x << 5;
-    e = x;
+    seed ^= seed << 13;
+    seed ^= seed >> 17;
+    seed ^= seed << 5;
+    e = seed;
   }
   return v;
+}
+
+inline std::vector<uint8_t> NoiseBytes(size_t n, uint32_t seed) {
+  const auto x = Noise(n, seed);
+  std::vector<uint8_t> v(n);
+  for (size_t i = 0; i < n; ++i) v[i] = static_cast<uint8_t>(x[i] >> 24);
+  return v;
+}
+
+// A 16-bit file sample after the host's 0..32768 range and back, in long double.
+inline uint16_t Through16BitHost(long double v) {
+  const long double host = std::floor(v * 32768.0L / 65535.0L + 0.5L);
+  return static_cast<uint16_t>(std::floor(host * 65535.0L / 32768.0L + 0.5L));
 }
 
 }  // namespace vt_cli_test

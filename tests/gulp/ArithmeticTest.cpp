@@ -1,117 +1,33 @@
-// Element-wise arithmetic: the stated figures, the length rule, agreement with a plain
-// scalar loop on random data, and results written over an operand.
-#include <cmath>
-#include <cstring>
-#include <functional>
-#include <limits>
-#include <random>
-
+// Element-wise arithmetic: special operands (NaN, signed zeros, a denormal, overflow), and
+// agreement with a plain scalar loop on random data, with the length rule and results
+// written over an operand.
 #include "GulpTestSupport.h"
 
 namespace {
 
-const float kNaN = std::numeric_limits<float>::quiet_NaN();
-const float kInf = std::numeric_limits<float>::infinity();
-
-TEST(Arithmetic, DivCHKZKeepsDividendWhereDivisorIsZero) {
+TEST(Arithmetic, SpecialOperands) {
   FGulp a, b, r;
-  SetRun(a, {3.0f, -2.0f, 7.0f, 1.0f, 0.0f});
-  SetRun(b, {0.0f, -0.0f, 2.0f, kNaN, 1e-40f});
-  r.divCHKZ(a, b);
-  EXPECT_EQ(r[0], 3.0f);
-  EXPECT_EQ(r[1], -2.0f);
-  EXPECT_EQ(r[2], 3.5f);
-  EXPECT_TRUE(std::isnan(r[3]));  // NaN divisor is not treated as zero
-  EXPECT_EQ(r[4], 0.0f);          // a denormal divisor is used as it is
-}
-
-TEST(Arithmetic, DivByZeroFollowsIeee) {
-  FGulp a, b, r;
-  SetRun(a, {2.0f, 0.0f, -1.0f});
-  SetRun(b, {0.0f, 0.0f, 0.0f});
-  r.div(a, b);
-  EXPECT_EQ(r[0], kInf);
-  EXPECT_TRUE(std::isnan(r[1]));
-  EXPECT_EQ(r[2], -kInf);
-}
-
-TEST(Arithmetic, MinMaxReturnSecondOperandUnlessStrict) {
-  FGulp a, b, r;
-  SetRun(a, {kNaN, 1.0f, -0.0f, 2.0f});
-  SetRun(b, {1.0f, kNaN, 0.0f, 3.0f});
-  r.fmin(a, b);
-  EXPECT_EQ(r[0], 1.0f);
-  EXPECT_TRUE(std::isnan(r[1]));
-  EXPECT_EQ(Bits(r[2]), Bits(0.0f));
-  EXPECT_EQ(r[3], 2.0f);
-  r.fmax(a, b);
-  EXPECT_EQ(r[0], 1.0f);
-  EXPECT_TRUE(std::isnan(r[1]));
-  EXPECT_EQ(Bits(r[2]), Bits(0.0f));
-  EXPECT_EQ(r[3], 3.0f);
-  r.fmin(a, 0.5f);
-  EXPECT_EQ(r[0], 0.5f);
-  EXPECT_EQ(r[1], 0.5f);
-}
-
-TEST(Arithmetic, HypotIsUnscaled) {
-  FGulp a, b, r;
-  SetRun(a, {3.0f, 1e20f});
-  SetRun(b, {4.0f, 0.0f});
-  r.hypot(a, b);
-  EXPECT_EQ(r[0], 5.0f);
-  EXPECT_EQ(r[1], kInf);
-}
-
-TEST(Arithmetic, ScalarDivisionOperatorsMultiplyByReciprocal) {
-  FGulp a, r;
-  SetRun(a, {5.0f});
-  EXPECT_EQ((a / 3.0f)[0], 1.66666675f);
-  EXPECT_EQ(r.div(a, 3.0f)[0], 1.66666663f);
-  FGulp x;
-  SetRun(x, {5.0f, -2.0f, 0.0f});
-  x /= 0.0f;
-  EXPECT_EQ(x[0], kInf);
-  EXPECT_EQ(x[1], -kInf);
-  EXPECT_TRUE(std::isnan(x[2]));
-}
-
-TEST(Arithmetic, LengthRule) {
-  FGulp a64, b36, r;
-  a64.Constant(2.0f);
-  b36.SetLen(36, 0);
-  b36.Constant(3.0f);
-  EXPECT_EQ(r.mul(a64, b36).len, 36);
-  EXPECT_EQ((a64 * b36).len, 36);
-  EXPECT_EQ(r.muladd(a64, b36, a64).len, 36);
-  FGulp a20;
-  a20.SetLen(20, 0);
-  a20.Constant(1.0f);
-  EXPECT_EQ(r.muladd(2.0f, a20, 1.0f).len, 20);
-  EXPECT_EQ((a20 + 1.0f).len, 20);
-
-  FGulp x;
-  x.Constant(1.0f);
-  x -= 10.0f;
-  EXPECT_EQ(x.len, 64);
-  x += b36;
-  EXPECT_EQ(x.len, 36);
-  EXPECT_EQ(x[35], -6.0f);
-  x *= a64;  // a longer operand does not lengthen x
-  EXPECT_EQ(x.len, 36);
+  SetRun(a, {3.0f, kNaN, 1.0f, -0.0f, 1e20f});
+  SetRun(b, {0.0f, 1.0f, kNaN, 0.0f, 1e-40f});
+  // A NaN divisor is not treated as zero, a denormal one is used as it is.
+  ExpectRun(r.divCHKZ(a, b), {3.0f, kNaN, kNaN, -0.0f, kInf});
+  // min and max return the second operand unless the first is strictly smaller / larger.
+  ExpectRun(r.fmin(a, b), {0.0f, 1.0f, kNaN, 0.0f, 1e-40f});
+  ExpectRun(r.fmax(a, b), {3.0f, 1.0f, kNaN, 0.0f, 1e20f});
+  ExpectRun(r.fmin(a, 0.5f), {0.5f, 0.5f, 0.5f, -0.0f, 0.5f});
+  ExpectRun(r.hypot(a, b), {3.0f, kNaN, kNaN, 0.0f, kInf});  // unscaled: the square overflows
 }
 
 // Every arithmetic operation against a scalar loop over the same random elements, with the
-// result stored into a separate run, over the first operand and over the second.
+// result stored into a separate run, over the first operand and over the second. Of the
+// operators, which call these, the ones with rules of their own: a new run of the shorter
+// length, compound assignment lowering the length, and scalar division by the reciprocal.
 TEST(Arithmetic, AgreesWithScalarReference) {
-  using Apply = std::function<void(FGulp& r, const FGulp& a, const FGulp& b, const FGulp& d,
-                                   float s, float t)>;
-  using Ref = std::function<float(float a, float b, float d, float s, float t)>;
   struct Case {
     const char* name;
     int runs;  // how many of a, b, d the operation takes (in that order)
-    Apply apply;
-    Ref ref;
+    std::function<void(FGulp& r, const FGulp& a, const FGulp& b, const FGulp& d, float s, float t)> apply;
+    std::function<float(float a, float b, float d, float s, float t)> ref;
   };
 #define RUN_OP(expr) [](FGulp& r, const FGulp& a, const FGulp& b, const FGulp& d, float s, \
                         float t) { (void)a; (void)b; (void)d; (void)s; (void)t; expr; }
@@ -146,20 +62,9 @@ TEST(Arithmetic, AgreesWithScalarReference) {
       {"mulmul sab", 2, RUN_OP(r.mulmul(s, a, b)), REF((s * a) * b)},
       {"muladdmul", 2, RUN_OP(r.muladdmul(s, a, t, b)), REF(s * a + t * b)},
       {"operator+", 2, RUN_OP(r = a + b), REF(a + b)},
-      {"operator-", 2, RUN_OP(r = a - b), REF(a - b)},
-      {"operator*", 2, RUN_OP(r = a * b), REF(a * b)},
-      {"operator/", 2, RUN_OP(r = a / b), REF(a / b)},
-      {"operator+ s", 1, RUN_OP(r = a + s), REF(a + s)},
-      {"operator- s", 1, RUN_OP(r = a - s), REF(a - s)},
-      {"operator* s", 1, RUN_OP(r = a * s), REF(a * s)},
       {"operator/ s", 1, RUN_OP(r = a / s), REF(a * (1.0f / s))},
       {"operator+=", 2, RUN_OP(r = a; r += b), REF(a + b)},
-      {"operator-=", 2, RUN_OP(r = a; r -= b), REF(a - b)},
-      {"operator*=", 2, RUN_OP(r = a; r *= b), REF(a * b)},
-      {"operator/=", 2, RUN_OP(r = a; r /= b), REF(a / b)},
-      {"operator+= s", 1, RUN_OP(r = a; r += s), REF(a + s)},
       {"operator-= s", 1, RUN_OP(r = a; r -= s), REF(a - s)},
-      {"operator*= s", 1, RUN_OP(r = a; r *= s), REF(a * s)},
       {"operator/= s", 1, RUN_OP(r = a; r /= s), REF(a * (1.0f / s))},
   };
 #undef RUN_OP
@@ -169,14 +74,9 @@ TEST(Arithmetic, AgreesWithScalarReference) {
   std::uniform_real_distribution<float> value(-1000.0f, 1000.0f);
   for (int trial = 0; trial < 20; ++trial) {
     FGulp a, b, d;
-    for (int k = 0; k < 64; ++k) {
-      a[k] = value(rng);
-      b[k] = (k % 7 == 3) ? (k % 2 ? -0.0f : 0.0f) : value(rng);  // zeros for divCHKZ
-      d[k] = value(rng);
-    }
-    a.len = 64 - trial;
-    b.len = 61 - trial;
-    d.len = 57 - trial;
+    for (int k = 0; k < 64; ++k)  // with zeros of both signs for divCHKZ
+      a[k] = value(rng), b[k] = (k % 7 == 3) ? (k % 2 ? -0.0f : 0.0f) : value(rng), d[k] = value(rng);
+    a.len = 64 - trial, b.len = 61 - trial, d.len = 57 - trial;
     const float s = value(rng), t = value(rng);
     for (const Case& c : cases) {
       const int lens[] = {a.len, b.len, d.len};
@@ -194,9 +94,7 @@ TEST(Arithmetic, AgreesWithScalarReference) {
         const uint32_t want = Bits(c.ref(a[k], b[k], d[k], s, t));
         EXPECT_EQ(Bits(separate[k]), want) << c.name << " element " << k;
         EXPECT_EQ(Bits(overA[k]), want) << c.name << " over a, element " << k;
-        if (canOverwriteB) {
-          EXPECT_EQ(Bits(overB[k]), want) << c.name << " over b, element " << k;
-        }
+        EXPECT_TRUE(!canOverwriteB || Bits(overB[k]) == want) << c.name << " over b, element " << k;
       }
     }
   }

@@ -4,13 +4,27 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <atomic>
+#include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <fstream>
+#include <functional>
 #include <initializer_list>
+#include <iterator>
+#include <limits>
+#include <new>
+#include <random>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "gulp/CpuFeatures.h"
 #include "gulp/FGulp.h"
+
+const float kNaN = std::numeric_limits<float>::quiet_NaN();
+const float kInf = std::numeric_limits<float>::infinity();
 
 // Sets the feature word for one scope and restores it afterwards.
 class ScopedFeatureWord {
@@ -40,11 +54,7 @@ inline std::string RouteName(const ::testing::TestParamInfo<int32_t>& info) {
 #define VT_INSTANTIATE_BOTH_ROUTES(Suite) \
   INSTANTIATE_TEST_SUITE_P(Routes, Suite, ::testing::Values(0, kCpuSSE41), RouteName)
 
-inline uint32_t Bits(float v) {
-  uint32_t u;
-  std::memcpy(&u, &v, sizeof u);
-  return u;
-}
+inline uint32_t Bits(float v) { uint32_t u; std::memcpy(&u, &v, sizeof u); return u; }
 
 // Fills a run's whole storage with fill, then sets its first elements and its len.
 inline void SetRun(FGulp& run, std::initializer_list<float> values, float fill = 0.0f) {
@@ -52,6 +62,16 @@ inline void SetRun(FGulp& run, std::initializer_list<float> values, float fill =
   run.len = static_cast<int32_t>(values.size());
   int k = 0;
   for (float v : values) run[k++] = v;
+}
+
+// Expects the first elements of run to be want: the same bits, or any NaN for a NaN.
+inline void ExpectRun(const FGulp& run, std::initializer_list<float> want) {
+  int k = 0;
+  for (float w : want) {
+    const bool same = std::isnan(w) ? std::isnan(run[k]) : Bits(run[k]) == Bits(w);
+    EXPECT_TRUE(same) << "element " << k << " is " << run[k] << ", expected " << w;
+    ++k;
+  }
 }
 
 #endif  // VT_TESTS_GULP_SUPPORT_H

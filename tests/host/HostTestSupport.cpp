@@ -1,8 +1,7 @@
 #include "HostTestSupport.h"
 
-#include "gulp/CpuFeatures.h"
-#include "lens/InverseTable.h"
-#include "resample/KernelTables.h"
+#include <algorithm>
+#include <vector>
 
 namespace hosttest {
 
@@ -14,8 +13,10 @@ const hostsim::PluginModule& Plugin() {
   return *module;
 }
 
-std::unique_ptr<hostsim::Host> ReadyHost(const hostsim::World* inputLayer) {
-  auto host = std::make_unique<hostsim::Host>(Plugin());
+std::unique_ptr<hostsim::Host> ReadyHost(const hostsim::World* inputLayer, PF_FilterProc entry,
+                                         const hostsim::PluginModule* plugin) {
+  auto host = entry ? std::make_unique<hostsim::Host>(entry)
+                    : std::make_unique<hostsim::Host>(plugin ? *plugin : Plugin());
   host->SetInputLayer(inputLayer);
   host->threads = 2;
   if (host->GlobalSetup() != PF_Err_NONE || host->ParamsSetup() != PF_Err_NONE ||
@@ -25,40 +26,15 @@ std::unique_ptr<hostsim::Host> ReadyHost(const hostsim::World* inputLayer) {
   return host;
 }
 
-VtAFXLensData MakeLens(int width, int height, int mode, double zoom, int filterType) {
-  VtAFXLensData lens;
-  std::memset(&lens, 0, sizeof lens);
-  lens.distortMode = mode;
-  lens.filterType = filterType;
-  lens.zoom = zoom;
-  lens.pixelAspect = 1.0;
-  lens.distortedWidth = lens.undistortedWidth = width;
-  lens.distortedHeight = lens.undistortedHeight = height;
-  CheckCPUFeatures();
-  SetupLensData(lens);
-  BuildInverseTable(lens);
-  BuildSampleFilters(nullptr, lens.lanczos2Kernel, lens.lanczos3Kernel, lens.mitchellKernel);
-  return lens;
-}
-
-float PatternValue(hostsim::Depth depth, int x, int y, int c) {
-  const int v = (x * 7 + y * 13 + c * 61) % 251 + 2;  // 2..252, never 0
-  switch (depth) {
-    case hostsim::Depth::k8:
-      return static_cast<float>(v);
-    case hostsim::Depth::k16:
-      return static_cast<float>(v * 129);
-    case hostsim::Depth::kFloat:
-    default:
-      return static_cast<float>(v) / 255.0f - 0.25f;  // negative values pass too
-  }
-}
-
 void FillPattern(hostsim::World& world) {
   for (int y = 0; y < world.height(); ++y) {
     for (int x = 0; x < world.width(); ++x) {
       for (int c = 0; c < 4; ++c) {
-        world.Set(x, y, c, PatternValue(world.depth(), x, y, c));
+        const int v = (x * 7 + y * 13 + c * 61) % 251 + 2;  // 2..252
+        const float value = world.depth() == hostsim::Depth::k8    ? static_cast<float>(v)
+                            : world.depth() == hostsim::Depth::k16 ? static_cast<float>(v * 129)
+                                                                   : v / 255.0f - 0.25f;
+        world.Set(x, y, c, value);
       }
     }
   }
@@ -76,6 +52,39 @@ bool IsTransparent(const hostsim::World& w, int x, int y) {
     if (w.Get(x, y, c) != 0.0f) return false;
   }
   return true;
+}
+
+Scene::Scene(hostsim::Depth depth, int width, int height, int mode, int filter,
+             const hostsim::PluginModule* plugin)
+    : layer(depth, width, height) {
+  FillPattern(layer);
+  host = ReadyHost(&layer, nullptr, plugin);
+  hostsim::ParamValues& p = host->params;
+  p.mode = mode;
+  p.filter = filter;
+  p.distortedWidth = p.undistortedWidth = width;
+  p.distortedHeight = p.undistortedHeight = height;
+  host->outputClearByte = kClear;
+}
+
+PF_Err Scene::Run(const PF_LRect& request) {
+  const PF_Err err = PreRender(request);
+  return err != PF_Err_NONE ? err : Render();
+}
+
+bool Scene::OutputUntouched() const {
+  if (!output) return false;
+  std::vector<uint8_t> bytes = output->PackedBytes(), padding = output->PaddingBytes();
+  bytes.insert(bytes.end(), padding.begin(), padding.end());
+  return std::all_of(bytes.begin(), bytes.end(), [](uint8_t b) { return b == kClear; });
+}
+
+bool Scene::TransparentAt(int x, int y) const {
+  return IsTransparent(*output, x - output->originX(), y - output->originY());
+}
+
+bool Scene::LayerAt(int x, int y, int layerX, int layerY) const {
+  return SamePixel(*output, x - output->originX(), y - output->originY(), layer, layerX, layerY);
 }
 
 }  // namespace hosttest

@@ -6,14 +6,23 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <ostream>
+#include <random>
+#include <thread>
 #include <vector>
 
 #include "gulp/CpuFeatures.h"
+#include "resample/KernelTables.h"
+#include "resample/KernelTablesInternal.h"
 #include "resample/ResampleData.h"
+#include "resample/Samplers.h"
 
 namespace resample_test {
 
@@ -44,54 +53,36 @@ struct TestImage {
 
   char* At(int x, int y) { return bytes.data() + static_cast<size_t>(y) * rowBytes + x * pixelBytes; }
 
+  // Channels in memory order: 8 and 16-bit unsigned integers (values converted), or floats.
   void Set(int x, int y, const Px& p) {
     const float ch[4] = {p.a, p.r, p.g, p.b};
-    char* dst = At(x, y);
-    for (int c = 0; c < 4; ++c) {
-      if (depth == 8) {
-        dst[c] = static_cast<char>(static_cast<uint8_t>(ch[c]));
-      } else if (depth == 16) {
-        const uint16_t v = static_cast<uint16_t>(ch[c]);
-        std::memcpy(dst + 2 * c, &v, 2);
-      } else {
-        std::memcpy(dst + 4 * c, &ch[c], 4);
-      }
-    }
+    const uint8_t u8[4] = {uint8_t(ch[0]), uint8_t(ch[1]), uint8_t(ch[2]), uint8_t(ch[3])};
+    const uint16_t u16[4] = {uint16_t(ch[0]), uint16_t(ch[1]), uint16_t(ch[2]), uint16_t(ch[3])};
+    const void* src = depth == 8 ? static_cast<const void*>(u8) : depth == 16 ? static_cast<const void*>(u16) : ch;
+    std::memcpy(At(x, y), src, pixelBytes);
   }
   Px Get(int x, int y) { return Decode(At(x, y), depth); }
   void Fill(const Px& p) {
     for (int y = 0; y < height; ++y)
       for (int x = 0; x < width; ++x) Set(x, y, p);
   }
-
   static Px Decode(const char* src, int depth) {
+    uint8_t u8[4];
+    uint16_t u16[4];
     float ch[4];
-    for (int c = 0; c < 4; ++c) {
-      if (depth == 8) {
-        ch[c] = static_cast<uint8_t>(src[c]);
-      } else if (depth == 16) {
-        uint16_t v;
-        std::memcpy(&v, src + 2 * c, 2);
-        ch[c] = v;
-      } else {
-        std::memcpy(&ch[c], src + 4 * c, 4);
-      }
-    }
+    void* dst = depth == 8 ? static_cast<void*>(u8) : depth == 16 ? static_cast<void*>(u16) : ch;
+    std::memcpy(dst, src, PixelBytesOf(depth));
+    for (int c = 0; c < 4 && depth != 32; ++c) ch[c] = depth == 8 ? u8[c] : u16[c];
     return {ch[0], ch[1], ch[2], ch[3]};
   }
 
   // The record as the row callbacks fill it, without a kernel.
   ResampleData Record() {
-    ResampleData rd;
-    std::memset(&rd, 0, sizeof(rd));
+    ResampleData rd{};
     rd.baseAddr = bytes.data();
-    rd.rowBytes = rowBytes;
-    rd.pixelBytes = pixelBytes;
-    rd.bitDepth = depth;
-    rd.width = width;
-    rd.height = height;
-    rd.colorMax = depth == 32 ? 1.0e10f : ChannelMax(depth);
-    rd.alphaMax = ChannelMax(depth);
+    rd.rowBytes = rowBytes, rd.pixelBytes = pixelBytes, rd.bitDepth = depth;
+    rd.width = width, rd.height = height;
+    rd.colorMax = depth == 32 ? 1.0e10f : ChannelMax(depth), rd.alphaMax = ChannelMax(depth);
     return rd;
   }
 };
@@ -108,10 +99,7 @@ inline std::vector<Px> RunSampler(SamplerFunc sampler, ResampleData rd, const st
     FGulpPt pos;
     pos.x.SetLen(n, 0);
     pos.y.SetLen(n, 0);
-    for (int k = 0; k < n; ++k) {
-      pos.x[k] = xs[start + k];
-      pos.y[k] = ys[start + k];
-    }
+    for (int k = 0; k < n; ++k) pos.x[k] = xs[start + k], pos.y[k] = ys[start + k];
     std::vector<char> out(static_cast<size_t>(n + 2) * rd.pixelBytes, 0x5A);
     sampler(&rd, pos, out.data());
     for (size_t b = static_cast<size_t>(n) * rd.pixelBytes; b < out.size(); ++b)
@@ -162,6 +150,20 @@ inline long double ReferenceKernel(int lobes, long double d) {
   if (d < 2)
     return ((-B - 6 * C) * d * d * d + (6 * B + 30 * C) * d * d + (-12 * B - 48 * C) * d + (8 * B + 24 * C)) / 6;
   return 0.0L;
+}
+
+// The three kernels as the tables and the sampler's record describe them.
+struct Kernel {
+  const char* name;
+  int lobes;  // 0: Mitchell-Netravali
+  int taps, tapOffset, cellFloats;
+};
+constexpr Kernel kKernels[] = {{"Lanczos-2", 2, 4, 1, 16}, {"Lanczos-3", 3, 6, 2, 40}, {"Mitchell", 0, 4, 1, 16}};
+
+// The unnormalised weight of tap (i, j) at the sub-pixel phase (phaseX, phaseY), in pixels.
+inline long double ReferenceTapWeight(const Kernel& k, int i, int j, long double phaseX, long double phaseY) {
+  return ReferenceKernel(k.lobes, std::fabs(j - k.tapOffset - phaseY)) *
+         ReferenceKernel(k.lobes, std::fabs(i - k.tapOffset - phaseX));
 }
 
 }  // namespace resample_test
