@@ -21,6 +21,7 @@
 #include <limits>
 #include <memory>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "HostTestSupport.h"
@@ -196,9 +197,10 @@ void KernelByRun(const ResampleData* rd, const FGulpPt& pos, void* dst) {
   }
   FGulp norm;
   norm.recipCHKZ(sums[4]);
-  const auto clip = rd->bitDepth == 32 ? &FGulp::mulclip : &FGulp::mulroundclip;
   for (int c = 0; c < 4; ++c) {
-    (outs[c]->*clip)(0.0f, norm, sums[c], c == 3 ? rd->alphaMax : rd->colorMax);
+    const float max = c == 3 ? rd->alphaMax : rd->colorMax;
+    if (rd->bitDepth == 32) outs[c]->mulclip(0.0f, norm, sums[c], max);
+    else outs[c]->mulroundclip(0.0f, norm, sums[c], max);
   }
   StorePix(rd, result, dst);
 }
@@ -206,6 +208,15 @@ void KernelByRun(const ResampleData* rd, const FGulpPt& pos, void* dst) {
 // The same bytes, except that any two NaNs count as equal: when both operands of an operation
 // are NaN, which one it passes on follows the operand order the compiler picks for a
 // commutative instruction, in the run operations as much as in the fused loop.
+std::string Hex(const std::vector<char>& bytes) {
+  std::string text;
+  for (char c : bytes) {
+    static const char digits[] = "0123456789abcdef";
+    text += {digits[(c >> 4) & 15], digits[c & 15], ' '};
+  }
+  return text;
+}
+
 bool SameOutput(const std::vector<char>& a, const std::vector<char>& b, int depth) {
   for (size_t i = 0; i < a.size(); i += 4) {
     float fa, fb;
@@ -275,7 +286,7 @@ TEST(BitIdentity, KernelSamplerGivesWhatItsStepsOnRunsGive) {
               cpu_features.store(features);
               _MM_SET_ROUNDING_MODE(rounding);
               ASSERT_TRUE(SameOutput(fused, byRun, depth))
-                  << taps << " taps, depth " << depth << ", width " << width << ", route "
+                  << Hex(fused) << " fused\n" << Hex(byRun) << " by run\n" << taps << " taps, depth " << depth << ", width " << width << ", route "
                   << route << ", mode " << mode << ", run of " << n;
             }
           }
