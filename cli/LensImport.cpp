@@ -491,6 +491,13 @@ int RunLens(const LensCommand& command, const std::string& plugin, std::ostream&
   } else {
     im = FromLensfun(command, frame);
   }
+  const std::string noPosition = "the source lens maps some pixels of the " +
+                                 std::to_string(frame.width) + "x" +
+                                 std::to_string(frame.height) + " frame to no finite position";
+  if (!std::isfinite(im.fit.k2) || !std::isfinite(im.fit.k3) || !std::isfinite(im.fit.k4) ||
+      !std::isfinite(im.fit.zoom)) {
+    throw IoError("the imported lens cannot be fitted: " + noPosition);
+  }
   settings.mode = kModeRemove;
   settings.distortion = SliderValue("--distortion", im.fit.k2);
   settings.cubic = SliderValue("--cubic", im.fit.k3);
@@ -512,9 +519,7 @@ int RunLens(const LensCommand& command, const std::string& plugin, std::ostream&
   session.Finish();
   const Errors error = Compare(im.source, &back.lens, SourceMapping(), frame);
   if (!std::isfinite(error.max)) {
-    throw IoError("the imported lens cannot be measured: the source or the effect maps some "
-                  "pixels of the " + std::to_string(frame.width) + "x" +
-                  std::to_string(frame.height) + " frame to no finite position");
+    throw IoError("the imported lens cannot be measured: " + noPosition);
   }
 
   std::ostringstream report;
