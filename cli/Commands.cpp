@@ -216,23 +216,28 @@ size_t EditDistance(const std::string& a, const std::string& b) {
   return d[a.size()][b.size()];
 }
 
-// The known long option nearest to a mistyped one ("--distorsion" -> "--distortion"): the one
-// it abbreviates, else the closest within a third of its letters (at least two edits); "" when
-// none is that close.
+// The known long option nearest to a mistyped one ("--distorsion" -> "--distortion"): the only
+// one it abbreviates, else the closest within a third of its letters (at least one edit); ""
+// when none is that close.
 std::string NearestOption(const CLI::App* app, const std::string& typed) {
-  std::string best;
-  size_t bestDistance = std::max<size_t>(2, typed.size() / 3) + 1;
+  std::vector<std::string> names;
   for (; app; app = app->get_parent()) {
     for (const CLI::Option* option : app->get_options()) {
-      for (const std::string& lname : option->get_lnames()) {
-        const std::string name = "--" + lname;
-        const size_t distance =
-            typed.size() >= 5 && name.rfind(typed, 0) == 0 ? 0 : EditDistance(typed, name);
-        if (distance < bestDistance) {
-          best = name;
-          bestDistance = distance;
-        }
-      }
+      for (const std::string& lname : option->get_lnames()) names.push_back("--" + lname);
+    }
+  }
+  std::vector<std::string> abbreviated;
+  for (const std::string& name : names) {
+    if (typed.size() >= 5 && name.rfind(typed, 0) == 0) abbreviated.push_back(name);
+  }
+  if (abbreviated.size() == 1) return abbreviated.front();
+  std::string best;
+  size_t bestDistance = std::max<size_t>(1, (typed.size() - 2) / 3) + 1;
+  for (const std::string& name : names) {
+    const size_t distance = EditDistance(typed, name);
+    if (distance < bestDistance) {
+      best = name;
+      bestDistance = distance;
     }
   }
   return best;

@@ -36,6 +36,14 @@ TEST(Messages, EveryCommandTakesQuietAndVerbose) {
   }
 }
 
+// A lens file that cannot be written is not spoken of as an image.
+TEST(Messages, AnUnwritableLensFileIsNoImage) {
+  ScratchDir dir;
+  const RunResult r = RunTool({"lens", "-o", dir.path().string()});
+  ExpectRefusal(r, 2, dir.path().string(), "lens -o FOLDER");
+  EXPECT_EQ(r.err.find("image"), std::string::npos) << r.err;
+}
+
 // A file whose channels have different sample types is reported as such, in and out.
 TEST(Messages, VerboseNamesMixedSampleTypes) {
   ScratchDir dir;

@@ -142,6 +142,7 @@ TEST(CommandLine, RefusalsSayWhyOnOneLineAndTouchNoFile) {
       {"info --no-such-option", kExitUsage, "unknown option '--no-such-option' (see"},
       {"render IN OUT --distorsion -50", kExitUsage, "'--distorsion'; did you mean '--distortion'?"},
       {"render IN OUT --undist 8x6", kExitUsage, "did you mean '--undistorted-size'?"},
+      {"render IN OUT --dis -5", kExitUsage, "unknown option '--dis' (see veltrisca render"},
       {"stmap OUT -qx", kExitUsage, "unknown option '-x' in '-qx'"},
       // A value that reads as an option is a missing value, not a channel named "--threads=2";
       // "--distortion=" gives no value, so -50 must not become one.
