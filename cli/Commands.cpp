@@ -4,9 +4,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <cstdio>
-#include <cctype>
 #include <functional>
 #include <new>
 #include <optional>
@@ -19,8 +19,8 @@
 #include "InfoReport.h"
 #include "LensFile.h"
 #include "LensImport.h"
-#include "OutputFile.h"
 #include "Memory.h"
+#include "OutputFile.h"
 #include "Progress.h"
 #include "RenderSequence.h"
 #include "Session.h"
@@ -112,19 +112,20 @@ void AddVerbosity(CLI::App* sub, bool* verbose, bool* quiet, const std::string& 
   sub->add_flag("-q,--quiet", *quiet, "print nothing but errors");
 }
 
-// -v of the commands that write one file: what was written and how long it took.
-void ReportWritten(const std::string& path, std::chrono::steady_clock::time_point started,
-                   std::ostream& out) {
+// -v of the commands that write one file: what was written (an image's size, channels, type
+// and format, from its header) and how long it took.
+void ReportWritten(const std::string& path, bool image,
+                   std::chrono::steady_clock::time_point started, std::ostream& out) {
   char time[32];
   std::snprintf(time, sizeof time, "%.2f s",
                 std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count());
   out << "wrote " << path;
-  if (auto image = OIIO::ImageInput::open(path)) {
-    const OIIO::ImageSpec& s = image->spec();
+  if (auto in = image ? OIIO::ImageInput::open(path) : nullptr) {
+    const OIIO::ImageSpec& s = in->spec();
     out << ": " << s.width << "x" << s.height << ", " << s.nchannels << " channels, "
-        << TypeName(s.format) << " " << image->format_name();
-  } else {
-    OIIO::geterror();  // not an image (a lens file): nothing more to say
+        << TypeName(s.format) << " " << in->format_name();
+  } else if (image) {
+    OIIO::geterror();  // written a moment ago; say no more than the path
   }
   out << ", " << time << "\n";
 }
@@ -491,19 +492,19 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
           stmapApp->get_option("--pixel-aspect")->count() > 0 ||
           std::find(taken.begin(), taken.end(), "pixelAspect") != taken.end();
       const int code = RunStMap(stmap, plugin, stmapQuiet ? silent : err);
-      if (stmapVerbose && !stmapQuiet) ReportWritten(stmap.output, started, out);
+      if (stmapVerbose && !stmapQuiet) ReportWritten(stmap.output, true, started, out);
       return code;
     }
     if (*lensApp) {
       ApplyLensFile(lensApp, &lens.lens);
       const int code = RunLens(lens, plugin, out, err);
       if (lensVerbose && !lens.quiet && !lens.output.empty()) {
-        ReportWritten(lens.output, started, out);
+        ReportWritten(lens.output, false, started, out);
       }
       return code;
     }
     const int code = RunChart(chart);
-    if (chart.verbose && !chart.quiet) ReportWritten(chart.output, started, out);
+    if (chart.verbose && !chart.quiet) ReportWritten(chart.output, true, started, out);
     return code;
   } catch (const CliError& e) {
     err << "veltrisca: " << MessageLine(e.what()) << "\n";
