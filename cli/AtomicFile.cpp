@@ -97,7 +97,7 @@ void TempOutputFile::Commit() {
   close(fd);
   if (std::rename(path_.c_str(), target_.c_str()) != 0) {
     const int why = errno;
-    throw IoError("cannot move the finished image to " + target_ + ": " + std::strerror(why));
+    throw IoError("cannot move the finished file to " + target_ + ": " + std::strerror(why));
   }
   committed_ = true;
   ClearPending(slot_);

@@ -4,6 +4,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <cstdio>
 #include <functional>
 #include <new>
 #include <optional>
@@ -17,6 +20,7 @@
 #include "LensFile.h"
 #include "LensImport.h"
 #include "Memory.h"
+#include "OutputFile.h"
 #include "Progress.h"
 #include "RenderSequence.h"
 #include "Session.h"
@@ -47,7 +51,8 @@ int RunInfo(const InfoCommand& command, const std::string& plugin, std::ostream&
   const LensSizes sizes = ResolveSizes(settings, layer, other);
   const long long pixels = static_cast<long long>(layer.width) * layer.height;
   CheckMemory(WorldBytes(pixels, Depth::k8), AvailableMemoryBytes(),
-              "a " + command.size + " input layer");
+              "a " + std::to_string(layer.width) + "x" + std::to_string(layer.height) +
+                  " input layer");
 
   const auto module = LoadEffect(ResolvePluginPath(plugin));
   EffectSession session(*module, ToParamValues(settings, sizes), 0);
@@ -100,6 +105,30 @@ int RunChart(const ChartCommand& command) {
 }
 
 namespace {
+
+// -v and -q: every command takes both.
+void AddVerbosity(CLI::App* sub, bool* verbose, bool* quiet, const std::string& verboseHelp) {
+  sub->add_flag("-v,--verbose", *verbose, verboseHelp);
+  sub->add_flag("-q,--quiet", *quiet, "print nothing but errors");
+}
+
+// -v of the commands that write one file: what was written (an image's size, channels, type
+// and format, from its header) and how long it took.
+void ReportWritten(const std::string& path, bool image,
+                   std::chrono::steady_clock::time_point started, std::ostream& out) {
+  char time[32];
+  std::snprintf(time, sizeof time, "%.2f s",
+                std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count());
+  out << "wrote " << path;
+  if (auto in = image ? OIIO::ImageInput::open(path) : nullptr) {
+    const OIIO::ImageSpec& s = in->spec();
+    out << ": " << s.width << "x" << s.height << ", " << s.nchannels << " channels, "
+        << TypeName(s.format) << " " << in->format_name();
+  } else if (image) {
+    OIIO::geterror();  // written a moment ago; say no more than the path
+  }
+  out << ", " << time << "\n";
+}
 
 void AddLensOptions(CLI::App* sub, LensOptionText* lens) {
   sub->add_option("--mode", lens->mode, "remove (distorted plate -> undistorted image) or apply")
@@ -163,6 +192,121 @@ std::string UnknownCommand(const CLI::App& app, const std::vector<std::string>& 
   return std::string();
 }
 
+// The option `name` ("--alpha", "-d") of `app` or, through fallthrough, of the tool.
+const CLI::Option* FindOption(const CLI::App* app, const std::string& name) {
+  for (; app; app = app->get_parent()) {
+    if (const CLI::Option* option = app->get_option_no_throw(name)) return option;
+  }
+  return nullptr;
+}
+
+// Edits (insertions, deletions, substitutions, swaps of neighbours) from a to b.
+size_t EditDistance(const std::string& a, const std::string& b) {
+  std::vector<std::vector<size_t>> d(a.size() + 1, std::vector<size_t>(b.size() + 1));
+  for (size_t i = 0; i <= a.size(); ++i) d[i][0] = i;
+  for (size_t j = 0; j <= b.size(); ++j) d[0][j] = j;
+  for (size_t i = 1; i <= a.size(); ++i) {
+    for (size_t j = 1; j <= b.size(); ++j) {
+      d[i][j] = std::min({d[i - 1][j] + 1, d[i][j - 1] + 1,
+                          d[i - 1][j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1)});
+      if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1]) {
+        d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
+      }
+    }
+  }
+  return d[a.size()][b.size()];
+}
+
+// The known long option nearest to a mistyped one ("--distorsion" -> "--distortion"): the only
+// one it abbreviates, else the closest within a third of its letters (at least one edit); ""
+// when none is that close.
+std::string NearestOption(const CLI::App* app, const std::string& typed) {
+  std::vector<std::string> names;
+  for (; app; app = app->get_parent()) {
+    for (const CLI::Option* option : app->get_options()) {
+      for (const std::string& lname : option->get_lnames()) names.push_back("--" + lname);
+    }
+  }
+  std::vector<std::string> abbreviated;
+  for (const std::string& name : names) {
+    if (typed.size() >= 5 && name.rfind(typed, 0) == 0) abbreviated.push_back(name);
+  }
+  if (abbreviated.size() == 1) return abbreviated.front();
+  std::string best;
+  size_t bestDistance = std::max<size_t>(1, (typed.size() - 2) / 3) + 1;
+  for (const std::string& name : names) {
+    const size_t distance = EditDistance(typed, name);
+    if (distance < bestDistance) {
+      best = name;
+      bestDistance = distance;
+    }
+  }
+  return best;
+}
+
+// A word that CLI11 would read as an option: '-' followed by a letter or by another '-'.
+// Negative numbers ("-50", "-.5") and lists ("-40,-20,1960,1100") are values.
+bool LooksLikeOption(const std::string& word) {
+  return word.size() >= 2 && word[0] == '-' &&
+         (word[1] == '-' || std::isalpha(static_cast<unsigned char>(word[1])));
+}
+
+// Reads the options of the command line as CLI11 will and returns the message of the first it
+// refuses (empty when none): an unknown option, with the nearest known one; an option whose
+// value is missing because the next word is an option (CLI11 would take "--threads=2" as the
+// value of --alpha); "--option=" with nothing after '=' (CLI11 would take the next word).
+std::string RefusedOptionWord(const CLI::App& app, const std::vector<std::string>& args) {
+  const CLI::App* current = &app;
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& word = args[i];
+    if (word == "--") break;
+    if (!LooksLikeOption(word)) {
+      if (current == &app) {
+        const auto named = [&word](const CLI::App* sub) { return sub->check_name(word); };
+        const auto subs = app.get_subcommands(named);
+        if (!subs.empty()) current = subs.front();
+      }
+      continue;
+    }
+    const bool isLong = word[1] == '-';
+    const size_t equals = isLong ? word.find('=') : std::string::npos;
+    const std::string name = isLong ? word.substr(0, equals) : word.substr(0, 2);
+    const CLI::Option* option = FindOption(current, name);
+    const std::string help = " (see veltrisca" +
+                             (current == &app ? std::string() : " " + current->get_name()) +
+                             " --help)";
+    if (!option) {
+      const std::string nearest = isLong ? NearestOption(current, name) : std::string();
+      return "unknown option '" + MessageLine(isLong ? name : word) + "'" +
+             (nearest.empty() ? help : "; did you mean '" + nearest + "'?");
+    }
+    if (option->get_items_expected_max() == 0) {
+      // Short flags run together (-qv): each further letter is a flag, or an option whose
+      // value is the rest of the word.
+      for (size_t j = 2; !isLong && j < word.size(); ++j) {
+        const CLI::Option* next = FindOption(current, std::string("-") + word[j]);
+        if (!next) return "unknown option '-" + MessageLine(word.substr(j, 1)) + "' in '" +
+                          MessageLine(word) + "'" + help;
+        if (next->get_items_expected_max() > 0) break;
+      }
+      continue;
+    }
+    if (equals != std::string::npos || (!isLong && word.size() > 2)) {
+      if (equals + 1 == word.size()) {
+        return name + ": an empty value after '='; write " + name + "=VALUE or " + name +
+               " VALUE";
+      }
+      continue;  // --option=value, -dVALUE
+    }
+    if (i + 1 < args.size() && LooksLikeOption(args[i + 1])) {
+      return name + ": missing value: the next word '" + MessageLine(args[i + 1]) +
+             "' reads as an option (write " + name + "=VALUE for a value that starts with '-')";
+    }
+    ++i;  // the option's value
+  }
+  return std::string();
+}
+
 std::string CommandNames(const CLI::App& app) {
   std::string names;
   for (const CLI::App* sub : app.get_subcommands(std::function<bool(const CLI::App*)>())) {
@@ -203,6 +347,8 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
       ->type_name("L,T,R,B");
   infoApp->add_flag("--json", info.json, "print one JSON object");
   infoApp->add_flag("--table", info.table, "with --json: include the inverse radius table");
+  AddVerbosity(infoApp, &info.verbose, &info.quiet,
+               "accepted for scripts; the report already says everything");
 
   RenderCommand render;
   CLI::App* renderApp = app.add_subcommand(
@@ -260,9 +406,8 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
   renderApp->add_flag("--fit", render.fit,
                       "remove: the smallest undistorted size that holds the whole plate "
                       "(written as overscan around the plate's frame)");
-  renderApp->add_flag("-v,--verbose", render.verbose,
-                      "print what was read and written: sizes, windows, channels, format, time");
-  renderApp->add_flag("-q,--quiet", render.quiet, "print nothing but errors");
+  AddVerbosity(renderApp, &render.verbose, &render.quiet,
+               "print what was read and written: sizes, windows, channels, format, time");
 
   ChartCommand chart;
   CLI::App* chartApp = app.add_subcommand("chart", "Write a lens test chart");
@@ -271,6 +416,7 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
   chartApp->add_option("--depth", chart.depth,
                        "8, 16, half or float (default: half for .exr, float for .hdr, else 8)")
       ->type_name("D");
+  AddVerbosity(chartApp, &chart.verbose, &chart.quiet, "print what was written and the time");
 
   StMapCommand stmap;
   CLI::App* stmapApp = app.add_subcommand(
@@ -292,6 +438,8 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
   stmapApp->add_option("--threads", stmap.threads, "render threads (0: all cores)")
       ->type_name("N")
       ->capture_default_str();
+  bool stmapVerbose = false, stmapQuiet = false;
+  AddVerbosity(stmapApp, &stmapVerbose, &stmapQuiet, "print what was written and the time");
 
   LensCommand lens;
   CLI::App* lensApp = app.add_subcommand(
@@ -300,10 +448,17 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
   lensApp->add_option("-o,--output", lens.output, "lens file to write (default: standard output)")
       ->type_name("FILE.json");
   AddImportOptions(lensApp, &lens);
+  bool lensVerbose = false;
+  AddVerbosity(lensApp, &lensVerbose, &lens.quiet,
+               "with -o: print what was written and the time (an import always reports)");
 
   if (const std::string unknown = UnknownCommand(app, args); !unknown.empty()) {
     err << "veltrisca: unknown command '" << MessageLine(unknown) << "' (commands: "
         << CommandNames(app) << "; see veltrisca --help)\n";
+    return kExitUsage;
+  }
+  if (const std::string refused = RefusedOptionWord(app, args); !refused.empty()) {
+    err << "veltrisca: " << refused << "\n";
     return kExitUsage;
   }
   try {
@@ -320,6 +475,8 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
     return kExitUsage;
   }
 
+  const auto started = std::chrono::steady_clock::now();
+  std::ostream silent(nullptr);  // -q: notes go nowhere
   try {
     if (*infoApp) {
       ApplyLensFile(infoApp, &info.lens);
@@ -334,13 +491,21 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
       stmap.pixelAspectGiven =
           stmapApp->get_option("--pixel-aspect")->count() > 0 ||
           std::find(taken.begin(), taken.end(), "pixelAspect") != taken.end();
-      return RunStMap(stmap, plugin, err);
+      const int code = RunStMap(stmap, plugin, stmapQuiet ? silent : err);
+      if (stmapVerbose && !stmapQuiet) ReportWritten(stmap.output, true, started, out);
+      return code;
     }
     if (*lensApp) {
       ApplyLensFile(lensApp, &lens.lens);
-      return RunLens(lens, plugin, out, err);
+      const int code = RunLens(lens, plugin, out, err);
+      if (lensVerbose && !lens.quiet && !lens.output.empty()) {
+        ReportWritten(lens.output, false, started, out);
+      }
+      return code;
     }
-    return RunChart(chart);
+    const int code = RunChart(chart);
+    if (chart.verbose && !chart.quiet) ReportWritten(chart.output, true, started, out);
+    return code;
   } catch (const CliError& e) {
     err << "veltrisca: " << MessageLine(e.what()) << "\n";
     return e.exitCode();

@@ -19,6 +19,8 @@ struct InfoCommand {
   std::string request;  // empty: the whole layer
   bool json = false;
   bool table = false;
+  bool verbose = false;  // -v
+  bool quiet = false;    // -q
 };
 
 struct RenderCommand {
@@ -44,6 +46,8 @@ struct ChartCommand {
   std::string output;
   std::string size = "1920x1080";
   std::string depth;  // empty: from the extension
+  bool verbose = false;  // -v
+  bool quiet = false;    // -q
 };
 
 // Each returns the exit code; failures are thrown as CliError. `note` receives remarks and

@@ -16,14 +16,18 @@ constexpr long long kMaxListFrames = 1000000;
 
 bool IsDigit(char c) { return std::isdigit(static_cast<unsigned char>(c)) != 0; }
 
-// A whole number of digits only, at most kMaxFrame; false otherwise.
-bool ToFrame(const std::string& text, int* frame) {
-  if (text.empty() || text.size() > 8 ||
-      !std::all_of(text.begin(), text.end(), IsDigit)) {
-    return false;
+// A whole number of digits only; false otherwise. A number beyond kMaxFrame is refused naming
+// the limit (`what` names its place: "the frame list ...").
+bool ToFrame(const std::string& text, int* frame, const std::string& what = std::string()) {
+  if (text.empty() || !std::all_of(text.begin(), text.end(), IsDigit)) return false;
+  const size_t first = std::min(text.find_first_not_of('0'), text.size());
+  if (text.size() - first > 8) {
+    if (what.empty()) return false;
+    throw UsageError(what + ": " + text + " is beyond the largest frame number, " +
+                     std::to_string(kMaxFrame));
   }
   *frame = std::stoi(text);
-  return *frame <= kMaxFrame;
+  return true;
 }
 
 // One printf-style frame field at text[at] ('%'): "%d" or "%0Nd". Returns its length and
@@ -82,7 +86,7 @@ std::optional<FramePattern> ParseFramePattern(const std::string& option, const s
   if (!found) return std::nullopt;
   found->prefix = path.substr(0, fieldStart);
   found->suffix = path.substr(fieldStart + fieldLength);
-  if (allowInlineList && path[fieldStart] != '%') {
+  if (path[fieldStart] != '%') {
     // The longest run of list characters before the field, from its first digit.
     size_t listStart = fieldStart;
     while (listStart > nameStart && (IsDigit(path[listStart - 1]) || path[listStart - 1] == '-' ||
@@ -93,7 +97,21 @@ std::optional<FramePattern> ParseFramePattern(const std::string& option, const s
     const std::string list = path.substr(listStart, fieldStart - listStart);
     // A lone number before the field is part of the name (shot10#.exr); a list has a range or
     // a comma.
-    if (list.find_first_of("-,") != std::string::npos) {
+    if (list.find_first_of("-,") != std::string::npos && !allowInlineList) {
+      // OUT: a list is refused; what does not parse as one is part of the name (out-v2-#.exr).
+      bool isList = true;
+      try {
+        ParseFrameList(option, list);
+      } catch (const CliError&) {
+        isList = false;
+      }
+      if (isList) {
+        throw UsageError(option + ": " + path + " holds a frame list (" + list +
+                         ") before its frame number; only IN takes one: name the frames in IN " +
+                         "or with --frames, and write " + option + " as " + path.substr(0, listStart) +
+                         path.substr(fieldStart));
+      }
+    } else if (list.find_first_of("-,") != std::string::npos) {
       found->inlineFrames = ParseFrameList(option, list);
       found->prefix = path.substr(0, listStart);
     }
@@ -124,13 +142,14 @@ std::vector<int> ParseFrameList(const std::string& option, const std::string& te
     const size_t dash = item.find('-');
     const size_t x = item.find('x');
     int first = 0, last = 0, step = 1;
-    if (!ToFrame(item.substr(0, dash), &first)) throw Bad("is not a frame list");
+    const std::string what = option + ": \"" + text + "\"";
+    if (!ToFrame(item.substr(0, dash), &first, what)) throw Bad("is not a frame list");
     last = first;
     if (dash != std::string::npos) {
       const std::string lastText =
           item.substr(dash + 1, x == std::string::npos ? std::string::npos : x - dash - 1);
-      if (!ToFrame(lastText, &last)) throw Bad("is not a frame list");
-      if (x != std::string::npos && !ToFrame(item.substr(x + 1), &step)) {
+      if (!ToFrame(lastText, &last, what)) throw Bad("is not a frame list");
+      if (x != std::string::npos && !ToFrame(item.substr(x + 1), &step, what)) {
         throw Bad("is not a frame list");
       }
       if (last < first) throw Bad("holds a range that runs backwards");

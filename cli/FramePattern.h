@@ -28,9 +28,9 @@ struct FramePattern {
 constexpr int kMaxFrame = 99999999;
 
 // The frame pattern in `path`, or nullopt when the name has none (a single file). An inline
-// frame list is taken only when allowInlineList is set; otherwise its digits are part of the
-// name. Throws CliError(kExitUsage) naming `option` for a name with two patterns or a
-// malformed one ("%4d", "%0d", an inline list that does not parse).
+// frame list is taken only when allowInlineList is set; otherwise it is refused (OUT cannot
+// choose frames). Throws CliError(kExitUsage) naming `option` for a name with two patterns or a
+// malformed one ("%4d", "%0d", an inline list that does not parse, a frame beyond kMaxFrame).
 std::optional<FramePattern> ParseFramePattern(const std::string& option, const std::string& path,
                                               bool allowInlineList);
 

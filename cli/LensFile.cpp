@@ -2,8 +2,10 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <cstring>
 #include <fstream>
-#include <set>
+#include <map>
 #include <sstream>
 
 #include <nlohmann/json.hpp>
@@ -38,6 +40,7 @@ const Key kKeys[] = {
 };
 constexpr const char* kCommentKey = "comment";
 constexpr long long kMaxFileBytes = 1 << 20;
+constexpr int kMaxNesting = 8;  // levels of arrays and objects inside the file's object
 
 std::string KeyList() {
   std::string list;
@@ -69,16 +72,19 @@ int LineOfKey(const std::string& text, const std::string& key, int occurrence) {
 
 std::string ReadSmallFile(const std::string& path) {
   struct stat st {};
-  if (stat(path.c_str(), &st) != 0) throw IoError(path + ": cannot read the lens file");
+  if (stat(path.c_str(), &st) != 0) {
+    throw IoError(path + ": cannot read the lens file: " + std::strerror(errno));
+  }
   if (!S_ISREG(st.st_mode)) throw IoError(path + ": the lens file is not a regular file");
   if (st.st_size > kMaxFileBytes) {
     throw IoError(path + ": a lens file of " + std::to_string(st.st_size) +
                   " bytes is not a lens file (at most 1 MiB)");
   }
   std::ifstream in(path, std::ios::binary);
+  if (!in) throw IoError(path + ": cannot read the lens file: " + std::strerror(errno));
   std::ostringstream text;
   text << in.rdbuf();
-  if (!in && !in.eof()) throw IoError(path + ": cannot read the lens file");
+  if (in.bad()) throw IoError(path + ": cannot read the lens file: " + std::strerror(errno));
   return text.str();
 }
 
@@ -108,6 +114,22 @@ std::string AsOptionText(const Json& value, Kind kind) {
   return std::string();
 }
 
+// What a value is, for messages: a file's value is never repeated (it may be 1 MiB of text,
+// or nested so deeply that writing it out would exhaust the stack).
+std::string TypeText(const Json& value) {
+  switch (value.type()) {
+    case Json::value_t::object: return "an object";
+    case Json::value_t::array:
+      return "an array of " + std::to_string(value.size()) +
+             (value.size() == 1 ? " element" : " elements");
+    case Json::value_t::string: return "a string";
+    case Json::value_t::boolean: return value.get<bool>() ? "true" : "false";
+    case Json::value_t::null: return "null";
+    case Json::value_t::number_float: return "a fractional number";
+    default: return "a number";
+  }
+}
+
 const char* Expected(Kind kind) {
   switch (kind) {
     case Kind::kText: return "a string";
@@ -130,21 +152,42 @@ std::vector<std::string> MergeLensFile(
     const std::string& path, LensOptionText* lens,
     const std::function<bool(const std::string& option)>& givenOnCommandLine) {
   const std::string text = ReadSmallFile(path);
-  std::string duplicate;
-  const Json::parser_callback_t noteDuplicates =
-      [&duplicate, seen = std::set<std::string>()](int depth, nlohmann::json::parse_event_t event,
-                                                   Json& parsed) mutable {
-        if (depth == 1 && event == nlohmann::json::parse_event_t::key &&
-            !seen.insert(parsed.get<std::string>()).second && duplicate.empty()) {
-          duplicate = parsed.get<std::string>();
-        }
-        return true;
-      };
+  // The member being read (its key and how often that key came before), to say where a
+  // value's fault lies; the first key that comes twice.
+  std::string key, duplicate;
+  int keyOccurrence = 0;
+  std::map<std::string, int> seen;
+  const auto where = [&]() {
+    return key.empty() ? path + ": "
+                       : path + ":" + std::to_string(LineOfKey(text, key, keyOccurrence)) +
+                             ": key '" + key + "': ";
+  };
+  const Json::parser_callback_t watch = [&](int depth, nlohmann::json::parse_event_t event,
+                                            Json& parsed) {
+    using Event = nlohmann::json::parse_event_t;
+    if (depth == 1 && event == Event::key) {
+      key = parsed.get<std::string>();
+      keyOccurrence = seen[key]++;
+      if (keyOccurrence == 1 && duplicate.empty()) duplicate = key;
+    }
+    // The parser itself does not recurse, but a deep value would be costly to hold and to
+    // take apart; nothing in a lens file nests beyond a [W, H] pair.
+    if ((event == Event::object_start || event == Event::array_start) &&
+        depth >= kMaxNesting) {
+      throw IoError(where() + (event == Event::array_start ? "arrays" : "objects") +
+                    " nested more than " + std::to_string(kMaxNesting) +
+                    " deep; a lens file holds numbers, strings and [WIDTH, HEIGHT] pairs");
+    }
+    return true;
+  };
   Json file;
   try {
-    file = Json::parse(text, noteDuplicates);
+    file = Json::parse(text, watch);
   } catch (const Json::parse_error& e) {
     throw IoError(path + ": not a lens file: " + WithoutExceptionId(e.what()));
+  } catch (const Json::out_of_range&) {
+    // The one range error of the parser: a number beyond double's range (1e400).
+    throw IoError(where() + "a number beyond the range of a double (about 1.8e308)");
   }
   if (!file.is_object()) {
     throw IoError(path + ": a lens file is one JSON object ({\"distortion\": -50, ...})");
@@ -156,17 +199,17 @@ std::vector<std::string> MergeLensFile(
   std::vector<std::string> taken;
   for (const auto& member : file.items()) {
     const std::string& name = member.key();
-    const std::string where = path + ":" + std::to_string(LineOfKey(text, name, 0)) + ": ";
+    const std::string at = path + ":" + std::to_string(LineOfKey(text, name, 0)) + ": ";
     if (name == kCommentKey) continue;
     const Key* key = nullptr;
     for (const Key& k : kKeys) {
       if (name == k.name) key = &k;
     }
-    if (!key) throw IoError(where + "unknown key '" + name + "' (lens keys: " + KeyList() + ")");
+    if (!key) throw IoError(at + "unknown key '" + name + "' (lens keys: " + KeyList() + ")");
     const std::string value = AsOptionText(member.value(), key->kind);
     if (value.empty()) {
-      throw IoError(where + "key '" + name + "': expected " + Expected(key->kind) + ", got " +
-                    member.value().dump());
+      throw IoError(at + "key '" + name + "': expected " + Expected(key->kind) + ", got " +
+                    TypeText(member.value()));
     }
     try {
       CheckOptionText(*key, value);
@@ -175,7 +218,7 @@ std::vector<std::string> MergeLensFile(
       std::string message = e.what();
       const std::string prefix = std::string(key->option) + ": ";
       if (message.rfind(prefix, 0) == 0) message = message.substr(prefix.size());
-      throw IoError(where + "key '" + name + "': " + message);
+      throw IoError(at + "key '" + name + "': " + message);
     }
     if (!givenOnCommandLine(key->option)) {
       lens->*key->field = value;

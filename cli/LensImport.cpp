@@ -4,6 +4,7 @@
 #include <lensfun.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -11,10 +12,12 @@
 #include <fstream>
 #include <memory>
 #include <sstream>
+#include <tuple>
 
 #include "AtomicFile.h"
 #include "CliError.h"
 #include "LensFile.h"
+#include "Memory.h"
 #include "Session.h"
 #include "StMap.h"
 
@@ -132,6 +135,7 @@ struct Imported {
   bool exact = false;
   std::string how;                 // how the coefficients were found
   std::vector<std::string> cannot;  // what the effect's model cannot hold
+  std::vector<std::string> warnings;  // doubts about the source's own data
   SourceMapping source;
   SourceMapping centred;  // the source with its centre moved to the effect's lens centre
 };
@@ -146,6 +150,17 @@ Imported FromOpenCv(const LensCommand& c, ImageSize frame) {
                fy = ParseReal("--fy", c.fy), cx = ParseReal("--cx", c.cx),
                cy = ParseReal("--cy", c.cy);
   if (!(fx > 0) || !(fy > 0)) throw UsageError("--fx, --fy: focal lengths must be positive");
+  // Pixel centres run from 0 to W-1; a principal point off the frame is a calibration of
+  // another image size (or a typing error).
+  for (const auto& [option, value, extent] :
+       {std::make_tuple("--cx", cx, frame.width), std::make_tuple("--cy", cy, frame.height)}) {
+    if (!(value >= -0.5 && value <= extent - 0.5)) {
+      throw UsageError(std::string(option) + " " + Num(value) + ": the principal point lies " +
+                       "outside the " + std::to_string(frame.width) + "x" +
+                       std::to_string(frame.height) + " frame (-0.5.." + Num(extent - 0.5) +
+                       "); is --size the calibration's image size?");
+    }
+  }
   auto mapping = [=](double ccx, double ccy) -> SourceMapping {
     return [=](double x, double y, double* xd, double* yd) {
       const double xn = (x - ccx) / fx, yn = (y - ccy) / fy;
@@ -204,37 +219,135 @@ Imported FromFfmpeg(const LensCommand& c, ImageSize frame) {
   return im;
 }
 
+std::string Lower(std::string s) {
+  for (char& ch : s) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+  return s;
+}
+
+// "Canon EF28mm f/2.8": the model, after its maker unless the model already starts with it.
+std::string LensName(const lfLens* lens) {
+  const std::string maker = lens->Maker ? lf_mlstr_get(lens->Maker) : "";
+  const std::string model = lens->Model ? lf_mlstr_get(lens->Model) : "";
+  return Lower(model).rfind(Lower(maker), 0) == 0 ? model : maker + " " + model;
+}
+
+// A lens name as compared: lower case, without spaces and without the maker in front
+// ("Canon EF 28mm f/2.8" and "EF28mm f/2.8" by Canon are the same name).
+std::string NameKey(const std::string& name, const lfLens* lens) {
+  auto squeeze = [](std::string text) {
+    text = Lower(text);
+    text.erase(std::remove(text.begin(), text.end(), ' '), text.end());
+    return text;
+  };
+  std::string key = squeeze(name);
+  const std::string maker = squeeze(lens->Maker ? lf_mlstr_get(lens->Maker) : "");
+  if (!maker.empty() && key.rfind(maker, 0) == 0) key.erase(0, maker.size());
+  return key;
+}
+
+// The focal lengths of the lens's distortion calibrations: the shortest and the longest.
+std::pair<double, double> CalibratedFocals(const lfLens* lens) {
+  double lo = HUGE_VAL, hi = -HUGE_VAL;
+  for (lfLensCalibDistortion** calib = lens->CalibDistortion; calib && *calib; ++calib) {
+    lo = std::min<double>(lo, (*calib)->Focal);
+    hi = std::max<double>(hi, (*calib)->Focal);
+  }
+  return {lo, hi};
+}
+
+// The one lens of the database that --maker and --model name. lensfun's search is fuzzy
+// ("EF" finds 140 lenses): a model named exactly (case and spaces aside, with or without its
+// maker) is taken; otherwise the search must find one lens. Entries without a distortion
+// calibration do not count. The same lens calibrated at several crop factors is told apart by
+// --crop (the calibration nearest it), or refused.
+const lfLens* FindLensfunLens(const lfDatabase& db, const LensCommand& c, double crop) {
+  const lfLens** found = db.FindLenses(nullptr, c.maker.empty() ? nullptr : c.maker.c_str(),
+                                       c.model.c_str());
+  std::vector<const lfLens*> all, exact;
+  for (size_t i = 0; found && found[i]; ++i) {
+    const lfLens* lens = found[i];
+    if (CalibratedFocals(lens).first > CalibratedFocals(lens).second) continue;
+    all.push_back(lens);
+    if (NameKey(lens->Model ? lf_mlstr_get(lens->Model) : "", lens) == NameKey(c.model, lens)) {
+      exact.push_back(lens);
+    }
+  }
+  lf_free(found);
+  const std::string asked = "'" + c.model + "'" + (c.maker.empty() ? "" : " by '" + c.maker + "'");
+  if (all.empty()) {
+    throw IoError("lensfun: no lens " + asked + " with a distortion calibration in the database");
+  }
+  std::vector<const lfLens*>& candidates = exact.empty() ? all : exact;
+  std::vector<std::string> names, keys;
+  for (const lfLens* lens : candidates) {
+    const std::string key = NameKey(LensName(lens), lens);
+    if (std::find(keys.begin(), keys.end(), key) == keys.end()) {
+      keys.push_back(key);
+      names.push_back(LensName(lens));
+    }
+  }
+  if (names.size() > 1) {
+    std::string list;
+    for (size_t i = 0; i < names.size() && i < 8; ++i) list += (i ? "; " : "") + names[i];
+    if (names.size() > 8) list += "; and " + std::to_string(names.size() - 8) + " more";
+    throw UsageError("lensfun: " + std::to_string(names.size()) + " lenses match " + asked +
+                     ": " + list + "; give --model the full name");
+  }
+  if (candidates.size() == 1) return candidates.front();
+  std::string crops;
+  for (const lfLens* lens : candidates) crops += (crops.empty() ? "" : ", ") + Num(lens->CropFactor);
+  if (!(crop > 0)) {
+    throw UsageError("lensfun: '" + names.front() + "' is calibrated at crop factors " + crops +
+                     "; give --crop to choose");
+  }
+  return *std::min_element(candidates.begin(), candidates.end(),
+                           [crop](const lfLens* a, const lfLens* b) {
+                             return std::fabs(std::log(a->CropFactor / crop)) <
+                                    std::fabs(std::log(b->CropFactor / crop));
+                           });
+}
+
 Imported FromLensfun(const LensCommand& c, ImageSize frame) {
   if (c.model.empty() || c.focal.empty()) {
     throw UsageError("--from lensfun needs --model LENS and --focal F (and usually --maker M)");
   }
   const double focal = ParseReal("--focal", c.focal);
+  if (!(focal > 0)) throw UsageError("--focal: " + c.focal + " mm is not a focal length");
+  const double givenCrop = c.crop.empty() ? 0.0 : ParseReal("--crop", c.crop);
+  if (!c.crop.empty() && !(givenCrop > 0)) {
+    throw UsageError("--crop: the crop factor must be positive");
+  }
   auto db = std::make_unique<lfDatabase>();
   if (db->Load() != LF_NO_ERROR) throw IoError("cannot load the lensfun database");
-  const lfLens** found = db->FindLenses(nullptr, c.maker.empty() ? nullptr : c.maker.c_str(),
-                                        c.model.c_str());
-  if (!found || !found[0]) {
-    lf_free(found);
-    throw IoError("lensfun: no lens '" + c.model + "'" +
-                  (c.maker.empty() ? std::string() : " by '" + c.maker + "'") +
-                  " in the database");
+  const lfLens* lens = FindLensfunLens(*db, c, givenCrop);
+  const std::string name = LensName(lens);
+  // The lens's own range, else (unknown) the focal lengths it was calibrated at.
+  const auto [calibLo, calibHi] = CalibratedFocals(lens);
+  const double lo = lens->MinFocal > 0 ? lens->MinFocal : calibLo;
+  const double hi = lens->MaxFocal > 0 ? std::max<double>(lens->MaxFocal, lo) : calibHi;
+  if (focal < lo * (1 - 1e-6) || focal > hi * (1 + 1e-6)) {
+    throw UsageError("--focal " + c.focal + ": '" + name + "' is a " +
+                     (lo == hi ? Num(lo) : Num(lo) + "-" + Num(hi)) + " mm lens");
   }
-  const lfLens* lens = found[0];
-  const std::string name = std::string(lens->Maker ? lf_mlstr_get(lens->Maker) : "") + " " +
-                           (lens->Model ? lf_mlstr_get(lens->Model) : "");
-  lf_free(found);
+  Imported im;
+  // Between two calibrations liblensfun interpolates; beyond them it takes the nearest one as
+  // it is.
+  if (focal < calibLo || focal > calibHi) {
+    im.warnings.push_back("lensfun calibrated '" + name + "' at " +
+                          (calibLo == calibHi ? Num(calibLo) : Num(calibLo) + "-" + Num(calibHi)) +
+                          " mm only; at " + c.focal + " mm it uses the " +
+                          Num(focal < calibLo ? calibLo : calibHi) + " mm calibration unchanged");
+  }
   lfLensCalibDistortion calib{};
   if (!lens->InterpolateDistortion(static_cast<float>(focal), calib) ||
       calib.Model == LF_DIST_MODEL_NONE) {
     throw IoError("lensfun: '" + name + "' has no distortion calibration at " + c.focal + " mm");
   }
-  const double crop = c.crop.empty() ? lens->CropFactor : ParseReal("--crop", c.crop);
-  if (!(crop > 0)) throw UsageError("--crop: the crop factor must be positive");
+  const double crop = c.crop.empty() ? lens->CropFactor : givenCrop;
   auto mod = std::make_unique<lfModifier>(lens, static_cast<float>(crop), frame.width,
                                           frame.height);
   mod->Initialize(lens, LF_PF_F32, static_cast<float>(focal), 8.0f, 1000.0f, 1.0f, lens->Type,
                   LF_MODIFY_DISTORTION, false);
-  Imported im;
   // liblensfun's own correction: for each corrected (undistorted) pixel, its distorted
   // position, computed a row at a time as an application of lensfun does. A second table
   // holds the same lens moved half a pixel: liblensfun centres its lens on the frame's
@@ -287,30 +400,47 @@ struct Errors {
   double max = 0, rms = 0;
 };
 
-// Distances between two mappings over every pixel of the frame; `effect` holds the effect's
-// positions (x, y interleaved, row by row).
-Errors Compare(const SourceMapping& source, const std::vector<float>* effect,
-               const SourceMapping& other, ImageSize frame) {
+// Rows of the effect's mapping computed at a time when measuring an import.
+constexpr int kBandRows = 64;
+
+// Distances between two mappings over every pixel of the frame: the effect's run mapping of
+// `lens` (a band of rows at a time) when `lens` is given, else `other`. A position that is not
+// finite makes both figures NaN.
+Errors Compare(const SourceMapping& source, const VtAFXLensData* lens, const SourceMapping& other,
+               ImageSize frame) {
   Errors e;
   double sum = 0;
-  size_t k = 0;
+  std::vector<float> effect;
   for (int y = 0; y < frame.height; ++y) {
-    for (int x = 0; x < frame.width; ++x, k += 2) {
+    if (lens && y % kBandRows == 0) {
+      effect = MapWindow(*lens, PF_LRect{0, y, frame.width, std::min(y + kBandRows, frame.height)});
+    }
+    const float* row = lens ? &effect[static_cast<size_t>(y % kBandRows) * frame.width * 2] : nullptr;
+    for (int x = 0; x < frame.width; ++x) {
       double sx, sy, ox, oy;
       source(x, y, &sx, &sy);
-      if (effect) {
-        ox = (*effect)[k];
-        oy = (*effect)[k + 1];
+      if (row) {
+        ox = row[2 * x];
+        oy = row[2 * x + 1];
       } else {
         other(x, y, &ox, &oy);
       }
       const double d2 = (sx - ox) * (sx - ox) + (sy - oy) * (sy - oy);
       sum += d2;
-      e.max = std::max(e.max, std::sqrt(d2));
+      e.max = std::isnan(d2) ? d2 : std::max(e.max, std::sqrt(d2));
     }
   }
   e.rms = std::sqrt(sum / (static_cast<double>(frame.width) * frame.height));
+  if (!std::isfinite(e.rms)) e.max = e.rms;
   return e;
+}
+
+// Bytes an import holds at once besides the effect: liblensfun's two position tables, and the
+// effect's positions for one band of rows.
+uint64_t ImportBytes(const std::string& from, ImageSize frame) {
+  const uint64_t pixels = static_cast<uint64_t>(frame.width) * static_cast<uint64_t>(frame.height);
+  const uint64_t band = static_cast<uint64_t>(frame.width) * kBandRows * 2 * sizeof(float);
+  return (from == "lensfun" ? 2 * pixels * 2 * sizeof(float) : 0) + band;
 }
 
 double SliderValue(const char* option, double k) {
@@ -347,15 +477,26 @@ int RunLens(const LensCommand& command, const std::string& plugin, std::ostream&
     return kExitOk;
   }
   const ImageSize frame = ParseSize("--size", command.size);
+  if (command.from != "opencv" && command.from != "ffmpeg" && command.from != "lensfun") {
+    throw UsageError("--from: expected opencv, ffmpeg or lensfun, got \"" + command.from + "\"");
+  }
+  CheckMemory(ImportBytes(command.from, frame), AvailableMemoryBytes(),
+              "importing a lens for a " + std::to_string(frame.width) + "x" +
+                  std::to_string(frame.height) + " frame");
   Imported im;
   if (command.from == "opencv") {
     im = FromOpenCv(command, frame);
   } else if (command.from == "ffmpeg") {
     im = FromFfmpeg(command, frame);
-  } else if (command.from == "lensfun") {
-    im = FromLensfun(command, frame);
   } else {
-    throw UsageError("--from: expected opencv, ffmpeg or lensfun, got \"" + command.from + "\"");
+    im = FromLensfun(command, frame);
+  }
+  const std::string noPosition = "the source lens maps some pixels of the " +
+                                 std::to_string(frame.width) + "x" +
+                                 std::to_string(frame.height) + " frame to no finite position";
+  if (!std::isfinite(im.fit.k2) || !std::isfinite(im.fit.k3) || !std::isfinite(im.fit.k4) ||
+      !std::isfinite(im.fit.zoom)) {
+    throw IoError("the imported lens cannot be fitted: " + noPosition);
   }
   settings.mode = kModeRemove;
   settings.distortion = SliderValue("--distortion", im.fit.k2);
@@ -376,9 +517,10 @@ int RunLens(const LensCommand& command, const std::string& plugin, std::ostream&
   session.OverrideSuppliedRect(PF_LRect{0, 0, 0, 0});
   const PreRenderReadBack back = session.PreRender(PF_LRect{0, 0, frame.width, frame.height});
   session.Finish();
-  const std::vector<float> mapped =
-      MapWindow(back.lens, PF_LRect{0, 0, frame.width, frame.height});
-  const Errors error = Compare(im.source, &mapped, SourceMapping(), frame);
+  const Errors error = Compare(im.source, &back.lens, SourceMapping(), frame);
+  if (!std::isfinite(error.max)) {
+    throw IoError("the imported lens cannot be measured: " + noPosition);
+  }
 
   std::ostringstream report;
   report << "veltrisca: lens from " << command.from << ": " << im.how << "\n";
@@ -387,10 +529,11 @@ int RunLens(const LensCommand& command, const std::string& plugin, std::ostream&
          << Num(settings.zoom, 9) << " for " << frame.width << "x" << frame.height << "\n";
   report << "veltrisca: position error over the frame: max " << Num(error.max, 4) << " px, RMS "
          << Num(error.rms, 4) << " px\n";
+  for (const std::string& w : im.warnings) report << "veltrisca: warning: " << w << "\n";
   for (const std::string& c : im.cannot) report << "veltrisca: cannot hold: " << c << "\n";
   if (im.centred) {
     const Errors centre = Compare(im.source, nullptr, im.centred, frame);
-    if (centre.max > 0) {
+    if (!(centre.max == 0)) {
       report << "veltrisca: cannot hold: a principal point off the lens centre (pixel index "
              << Num(frame.width / 2.0) << ", " << Num(frame.height / 2.0) << "; a calibration's "
              << "geometric centre (W-1)/2, (H-1)/2 is half a pixel off); it costs max "
@@ -403,7 +546,7 @@ int RunLens(const LensCommand& command, const std::string& plugin, std::ostream&
                               Num(error.rms, 4) + " px over " + std::to_string(frame.width) +
                               "x" + std::to_string(frame.height);
   WriteText(LensFileText(settings, summary), command.output, out);
-  (command.output.empty() ? err : out) << report.str();
+  if (!command.quiet) (command.output.empty() ? err : out) << report.str();
   return kExitOk;
 }
 

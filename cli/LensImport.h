@@ -28,6 +28,7 @@ struct LensCommand {
   std::string k1 = "0", k2 = "0", k3 = "0", p1 = "0", p2 = "0";
   std::string fx, fy, cx, cy;
   std::string maker, model, focal, crop;
+  bool quiet = false;  // -q: no report, no warnings
 };
 
 void AddImportOptions(CLI::App* lens, LensCommand* command);

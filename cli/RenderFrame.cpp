@@ -1,5 +1,6 @@
 #include "RenderFrame.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 
@@ -83,9 +84,34 @@ std::string ChannelText(const std::vector<std::string>& names, int alpha) {
   return s + (alpha >= 0 ? " (alpha " + names[static_cast<size_t>(alpha)] + ")" : " (no alpha)");
 }
 
+// A share that is not zero never reads as "0.0%": below 0.1% it takes two significant digits.
 std::string Percent(double fraction) {
   char text[32];
-  std::snprintf(text, sizeof text, "%.1f%%", 100.0 * fraction);
+  const double percent = 100.0 * fraction;
+  std::snprintf(text, sizeof text, percent > 0 && percent < 0.1 ? "%.2g%%" : "%.1f%%", percent);
+  return text;
+}
+
+// The sample type of an image's channels: "half", or for channels of different types each
+// type with its channels ("mixed: half R,G,B; float Z").
+std::string SampleTypesText(OIIO::TypeDesc format, const std::vector<OIIO::TypeDesc>& types,
+                            const std::vector<std::string>& names) {
+  if (types.empty() ||
+      std::all_of(types.begin(), types.end(), [&](OIIO::TypeDesc t) { return t == types[0]; })) {
+    return TypeName(types.empty() ? format : types[0]);
+  }
+  std::vector<std::pair<OIIO::TypeDesc, std::string>> groups;
+  for (size_t c = 0; c < types.size(); ++c) {
+    auto group = std::find_if(groups.begin(), groups.end(),
+                              [&](const auto& g) { return g.first == types[c]; });
+    if (group == groups.end()) group = groups.insert(groups.end(), {types[c], std::string()});
+    group->second += (group->second.empty() ? "" : ",") +
+                     (c < names.size() ? names[c] : std::to_string(c));
+  }
+  std::string text = "mixed:";
+  for (const auto& [type, channels] : groups) {
+    text += (text.size() > 6 ? "; " : " ") + TypeName(type) + " " + channels;
+  }
   return text;
 }
 
@@ -336,11 +362,13 @@ void WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, BufferP
   for (int c = 0; c < input.channels; ++c) inNames.emplace_back(input.spec.channel_name(c));
   out << "read  " << frame.files.input << ": data " << SizeText(input.dataWindow) << ", display "
       << SizeText(input.displayWindow) << ", " << ChannelText(inNames, input.alphaIndex) << ", "
-      << TypeName(input.spec.format) << " " << input.format << "\n";
+      << SampleTypesText(input.spec.format, input.spec.channelformats, inNames) << " "
+      << input.format << "\n";
   out << "wrote " << frame.files.output << ": data " << SizeText(plan.windows.data)
       << ", display " << SizeText(plan.windows.display) << ", "
       << ChannelText(plan.layout.names, plan.layout.alphaIndex) << ", "
-      << TypeName(plan.outPlan.type) << " " << plan.outPlan.format << "; "
+      << SampleTypesText(plan.outPlan.type, plan.outPlan.channelTypes, plan.layout.names) << " "
+      << plan.outPlan.format << "; "
       << ModeName(settings.mode) << ", " << FilterName(settings.filter) << ", sizes "
       << plan.sizes.distorted.width << "x" << plan.sizes.distorted.height << " distorted, "
       << plan.sizes.undistorted.width << "x" << plan.sizes.undistorted.height << " undistorted, "

@@ -159,6 +159,13 @@ TEST(Refusals, OfInputsAndOutputsLeaveTheFolderAsItWas) {
       {{"render", dir / "small.png", out}, 2, "only 64 MiB", "64M"},
       {{"render", dir / "small.png", out}, 1, "VELTRISCA_MEMORY_LIMIT", "64Q"},
       {{"chart", out}, 2, "a 1920x1080 chart", "1M"},  // (the chart's default size)
+      {{"info", dir / "small.png"}, 2, "a 3000x2000 input layer", "1M"},  // not --size's
+      {{"lens", "--from", "ffmpeg", "--size", "32767x32767"}, 2, "a 32767x32767 frame", "1M"},
+      {{"lens", "--from", "lensfun", "--model", "Mamiya 35mm f/3.5", "--focal", "35", "--size",
+        "4000x3000"},
+       2,
+       "needs about 185 MiB",  // liblensfun's two position tables
+       "100M"},
       {{"render", dir / "huge.png", out, "--distorted-size", "1920x1080"}, 2, "100000 x 100000"},
       // Without sizes the layer is already too wide for the size parameters.
       {{"render", dir / "huge.png", out}, 2, "32767"},

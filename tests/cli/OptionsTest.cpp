@@ -139,7 +139,17 @@ TEST(CommandLine, RefusalsSayWhyOnOneLineAndTouchNoFile) {
       {"", kExitUsage, "subcommand"},
       {"foo", kExitUsage, "unknown command 'foo'"},
       {"rendr IN", kExitUsage, "unknown command 'rendr'"},
-      {"info --no-such-option", kExitUsage, "no-such-option"},
+      {"info --no-such-option", kExitUsage, "unknown option '--no-such-option' (see"},
+      {"render IN OUT --distorsion -50", kExitUsage, "'--distorsion'; did you mean '--distortion'?"},
+      {"render IN OUT --undist 8x6", kExitUsage, "did you mean '--undistorted-size'?"},
+      {"render IN OUT --dis -5", kExitUsage, "unknown option '--dis' (see veltrisca render"},
+      {"stmap OUT -qx", kExitUsage, "unknown option '-x' in '-qx'"},
+      // A value that reads as an option is a missing value, not a channel named "--threads=2";
+      // "--distortion=" gives no value, so -50 must not become one.
+      {"render IN OUT --alpha --threads=2", kExitUsage, "--alpha: missing value"},
+      {"render IN OUT -d -v", kExitUsage, "-d: missing value"},
+      {"render IN OUT --distortion= -50", kExitUsage, "--distortion: an empty value"},
+      {"info --lens " + dir / "missing.json", kExitIo, "No such file or directory"},
       {"render IN", kExitUsage, "OUT"},
       // The separated form reads a negative value as the value, not as another option.
       {"render IN OUT --distortion -30000", kExitUsage, "-20000..20000"},

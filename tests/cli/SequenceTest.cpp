@@ -47,8 +47,9 @@ TEST(FramePatterns, EachConventionWritesItsFrameNumbers) {
   EXPECT_FALSE(ParseFramePattern("IN", "plate.exr", true));
   EXPECT_EQ(ParseFramePattern("IN", "p.1001-1003#.exr", true)->inlineFrames,
             (std::vector<int>{1001, 1002, 1003}));
-  // Without inline lists (OUT), the digits belong to the name.
-  EXPECT_EQ(FramePath(*ParseFramePattern("OUT", "p.1-3#.exr", false), 2), "p.1-30002.exr");
+  // OUT takes no inline list; digits that do not parse as one belong to the name.
+  EXPECT_THROW(ParseFramePattern("OUT", "p.1-3#.exr", false), CliError);
+  EXPECT_EQ(FramePath(*ParseFramePattern("OUT", "p.v2-#.exr", false), 2), "p.v2-0002.exr");
 }
 
 TEST(FrameLists, ParseInOrderOnceEachAndRefuseTheRest) {
@@ -101,6 +102,9 @@ TEST(FrameSelection, TakesTheFramesOnDiskAndSetsAsideTheOthers) {
       {dir / "a.%4d.exr", out, "", kExitUsage, "%0Nd"},
       {dir / "a.%09d.exr", out, "", kExitUsage, "1 to 8"},
       {dir / "a.5-1#.exr", out, "", kExitUsage, "backwards"},
+      {in, dir / "o.1001-1003#.exr", "", kExitUsage, "only IN takes one"},
+      {in, out, "1-123456789", kExitUsage, "largest frame number, 99999999"},
+      {dir / "a.100000000-100000001#.exr", out, "", kExitUsage, "largest frame number"},
   };
   for (const auto& [input, output, frames, exitCode, says] : bad) {
     const std::string m = Refusal(exitCode, SelectFrames, input, output, frames);
