@@ -42,13 +42,14 @@ const std::string& HostTag() {
 }
 
 // A write lock on the whole file, owned by this open file description (not by the process, so
-// that closing another descriptor of the file, as the image writers do, keeps it). `wait`: wait
-// for a lock another holds, else fail at once. False also where the file system has no locks.
-bool LockFile(int fd, bool wait) {
+// that closing another descriptor of the file, as the image writers do, keeps it). False, at
+// once, when another holds one (errno EAGAIN or EACCES) or the file system has no locks. Never
+// waits: a lock server that does not answer must not hang a render.
+bool LockFile(int fd) {
   struct flock lock {};
   lock.l_type = F_WRLCK;
   lock.l_whence = SEEK_SET;
-  return fcntl(fd, wait ? F_OFD_SETLKW : F_OFD_SETLK, &lock) == 0;
+  return fcntl(fd, F_OFD_SETLK, &lock) == 0;
 }
 
 // True for the name of a temporary file that veltrisca wrote on this machine.
@@ -94,9 +95,9 @@ void RemoveStaleTemps(const fs::path& folder) {
     if (lstat(path.c_str(), &seen) != 0 || !S_ISREG(seen.st_mode)) continue;
     const int fd = open(path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) continue;
-    // Unlinked while locked: a writer that has just created the file waits for the lock, then
-    // sees its file gone and makes another.
-    if (LockFile(fd, false) && fstat(fd, &held) == 0 && held.st_nlink > 0 &&
+    // Unlinked while locked: a writer that has just created the file and not yet locked it
+    // finds it locked or gone, and makes another.
+    if (LockFile(fd) && fstat(fd, &held) == 0 && held.st_nlink > 0 &&
         held.st_dev == seen.st_dev && held.st_ino == seen.st_ino) {
       unlink(path.c_str());
     }
@@ -143,11 +144,14 @@ TempOutputFile::TempOutputFile(const std::string& target) : target_(target) {
     if (fd < 0) {
       throw IoError("cannot create a file beside " + target + ": " + std::strerror(errno));
     }
+    // Another run may have taken the new file for a stale one before it was locked: it holds
+    // the lock or has removed the file. Without locks (a file system that has none) the file is
+    // not taken for a stale one either: only a lock that can be had lets another remove it.
     struct stat st {};
-    // Without locks (a file system that has none) the file is not taken for a stale one
-    // either: only a lock that can be had lets another run remove it.
-    if (!LockFile(fd, true) || fstat(fd, &st) != 0 || st.st_nlink > 0 || attempt == 3) break;
-    close(fd);  // removed as stale before this run could lock it
+    const bool taken = LockFile(fd) ? fstat(fd, &st) == 0 && st.st_nlink == 0
+                                    : errno == EAGAIN || errno == EACCES;
+    if (!taken || attempt == 3) break;
+    close(fd);
   }
   // mkstemps makes the file private (0600); give it the permissions a new file would get.
   const mode_t mask = umask(0);
