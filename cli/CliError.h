@@ -2,8 +2,10 @@
 #ifndef VT_CLI_CLIERROR_H
 #define VT_CLI_CLIERROR_H
 
+#include <cstring>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 namespace veltrisca {
 
@@ -28,6 +30,27 @@ class CliError : public std::runtime_error {
 inline CliError UsageError(const std::string& message) { return CliError(kExitUsage, message); }
 inline CliError IoError(const std::string& message) { return CliError(kExitIo, message); }
 inline CliError EffectError(const std::string& message) { return CliError(kExitEffect, message); }
+
+// The system refused a thread (a per-user or container limit on processes and threads).
+inline CliError ThreadStartError(const std::string& threads, const std::system_error& e) {
+  return IoError("cannot start " + threads + ": " + e.code().message() +
+                 " (a process or thread limit?)");
+}
+
+// Standard output could not be written (a closed pipe, a full disk): `errnum` says why, 0 when
+// that is not known.
+inline CliError StdoutError(int errnum) {
+  return IoError(std::string("cannot write to standard output: ") +
+                 (errnum != 0 ? std::strerror(errnum) : "the write failed"));
+}
+
+// The message of a std::system_error that a library let out: a thread it could not start (the
+// OpenEXR reader starts its own) reads like the tool's own.
+inline std::string SystemErrorText(const std::system_error& e) {
+  return e.code() == std::errc::resource_unavailable_try_again
+             ? std::string(ThreadStartError("a thread", e).what())
+             : std::string(e.what());
+}
 
 // A message as one line: control characters (a file name may hold a line break) are written
 // as escapes.

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <functional>
@@ -317,7 +318,9 @@ std::string CommandNames(const CLI::App& app) {
 
 }  // namespace
 
-int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
+namespace {
+
+int RunCommandLine(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
   CLI::App app{"veltrisca " + std::string(kToolVersion) +
                    ": runs the Veltrisca Distortion effect outside its host.",
                "veltrisca"};
@@ -512,10 +515,28 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
   } catch (const std::bad_alloc&) {
     err << "veltrisca: out of memory\n";
     return kExitIo;
+  } catch (const std::system_error& e) {
+    err << "veltrisca: " << MessageLine(SystemErrorText(e)) << "\n";
+    return kExitIo;
   } catch (const std::exception& e) {
     err << "veltrisca: " << MessageLine(e.what()) << "\n";
     return kExitIo;
   }
+}
+
+}  // namespace
+
+int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
+  const int code = RunCommandLine(args, out, err);
+  // What a command printed counts only once it is written: a closed pipe or a full disk under
+  // standard output fails the command. A failed stream keeps the errno of its failed write.
+  if (!out.fail()) {
+    errno = 0;
+    out.flush();
+  }
+  if (!out.fail() || code != kExitOk) return code;
+  err << "veltrisca: " << StdoutError(errno).what() << "\n";
+  return kExitIo;
 }
 
 }  // namespace veltrisca

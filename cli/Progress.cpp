@@ -1,5 +1,6 @@
 #include "Progress.h"
 
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 
@@ -100,6 +101,7 @@ void Progress::Done(const FrameFiles& files, Outcome outcome, const std::string&
         out_ << "failed  " << files.input;
       }
       out_ << "\n" << std::flush;
+      Flushed();
       break;
     }
     case ProgressStyle::kOpenJd:
@@ -124,6 +126,20 @@ void Progress::Finish(int failed) {
   std::snprintf(text, sizeof text, "%d frames written, %d skipped, %d failed in %.1f s (%.2f fps)",
                 written_, skipped_, failed, seconds, seconds > 0 ? written_ / seconds : 0.0);
   (style_ == ProgressStyle::kBar ? err_ : out_) << text << "\n" << std::flush;
+  Flushed();
+}
+
+bool Progress::OutputFailed(int* errnum) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  Flushed();  // a -v report may have failed since
+  *errnum = outErrno_;
+  return outFailed_;
+}
+
+void Progress::Flushed() {
+  if (outFailed_ || !out_.fail()) return;
+  outFailed_ = true;
+  outErrno_ = errno;
 }
 
 void Progress::DrawBar(Clock::time_point now) {
@@ -160,6 +176,7 @@ void Progress::OpenJd(double fraction) {
   if (percent <= lastPercent_) return;
   lastPercent_ = percent;
   out_ << "openjd_progress: " << percent << "\n" << std::flush;
+  Flushed();
 }
 
 }  // namespace veltrisca

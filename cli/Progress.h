@@ -41,10 +41,14 @@ class Progress {
   void Done(const FrameFiles& files, Outcome outcome, const std::string& error = "");
   // Ends the bar's line; prints the run's summary in the bar and lines styles.
   void Finish(int failed);
+  // Standard output failed (a closed pipe, a full disk): true, and in *errnum the errno of the
+  // failed write (0 when not known). The run must stop: a farm reading it has gone.
+  bool OutputFailed(int* errnum);
 
  private:
   void DrawBar(Clock::time_point now);  // under mutex_
   void OpenJd(double fraction);         // under mutex_
+  void Flushed();                       // under mutex_, after writing to out_
 
   ProgressStyle style_;
   int frames_;
@@ -62,6 +66,8 @@ class Progress {
   int started_ = 0;  // frames whose render began
   int lastPercent_ = -1;
   bool barShown_ = false;
+  bool outFailed_ = false;
+  int outErrno_ = 0;
 };
 
 }  // namespace veltrisca

@@ -267,10 +267,6 @@ ReadFrame ReadFrameFiles(const RenderJob& job, OutputFramePlanner& planner, Note
   ReadFrame frame;
   frame.files = files;
   frame.started = Clock::now();
-  if (SameFile(files.input, files.output)) {
-    throw UsageError("OUT is the same file as IN (" + files.output +
-                     "); write the result to another file");
-  }
   frame.input = OpenInputImage(files.input, job.alpha);
   frame.plan = PlanFrame(job, planner, notes, frame.input, files);
   frame.temp = std::make_unique<TempOutputFile>(files.output);

@@ -1,17 +1,73 @@
 #include "RenderSequence.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <exception>
+#include <filesystem>
+#include <map>
 #include <new>
 #include <optional>
+#include <system_error>
 #include <thread>
 
+#include "AtomicFile.h"
 #include "CliError.h"
 #include "FramePattern.h"
+#include "hostsim/ThreadPool.h"
 
 namespace veltrisca {
+
+namespace {
+
+// Refuses, before any work, a shot that would write over one of its own inputs: each OUT is
+// compared with each IN of the shot and each frame of IN's sequence on disk, as files (device
+// and inode, so that ".", ".." and links are seen through) or, for an OUT that does not exist
+// yet, by its normalised path. An OUT that exists must be a regular file.
+void CheckOutputs(const FrameSelection& selection, const std::optional<FramePattern>& in) {
+  std::map<std::pair<dev_t, ino_t>, std::string> byFile;  // IN's name for each input file
+  std::map<std::string, std::string> byPath;               // ... for each normalised path
+  auto normalised = [](const std::string& path) {
+    std::error_code ec;
+    const std::string n = std::filesystem::weakly_canonical(path, ec).string();
+    return ec ? path : n;
+  };
+  auto addInput = [&](const std::string& path) {
+    struct stat st {};
+    if (stat(path.c_str(), &st) != 0) return;
+    byFile.emplace(std::make_pair(st.st_dev, st.st_ino), path);
+    byPath.emplace(normalised(path), path);
+  };
+  for (const SequenceEntry& e : selection.frames) addInput(e.files.input);
+  if (in) {
+    for (const int frame : selection.onDisk) addInput(FramePath(*in, frame));
+  }
+  for (const SequenceEntry& e : selection.frames) {
+    struct stat st {};
+    const std::string* input = nullptr;
+    if (stat(e.files.output.c_str(), &st) == 0) {
+      const auto it = byFile.find(std::make_pair(st.st_dev, st.st_ino));
+      if (it != byFile.end()) input = &it->second;
+    } else if (const auto it = byPath.find(normalised(e.files.output)); it != byPath.end()) {
+      input = &it->second;
+    }
+    if (input && !selection.numbered) {
+      throw IoError("OUT is the same file as IN (" + e.files.output +
+                    "); write the result to another file");
+    }
+    if (input) {
+      throw IoError("OUT of frame " + std::to_string(*e.files.frame) + ", " + e.files.output +
+                    ", is the input file " + *input +
+                    ": the shot would write over its own input; nothing was rendered "
+                    "(choose another OUT)");
+    }
+    CheckOutputTarget(e.files.output);
+  }
+}
+
+}  // namespace
 
 FrameSelection SelectFrames(const std::string& input, const std::string& output,
                             const std::string& framesOption) {
@@ -27,6 +83,7 @@ FrameSelection SelectFrames(const std::string& input, const std::string& output,
       throw UsageError("--frames needs a frame number in IN (e.g. plate.####.exr)");
     }
     selection.frames.push_back(SequenceEntry{FrameFiles{std::nullopt, input, output}, false});
+    CheckOutputs(selection, in);
     return selection;
   }
   if (!out) {
@@ -67,6 +124,7 @@ FrameSelection SelectFrames(const std::string& input, const std::string& output,
                                 : " (the frames on disk are " + FrameListText(disk) + ")"));
   }
   std::sort(selection.outside.begin(), selection.outside.end());
+  CheckOutputs(selection, in);
   return selection;
 }
 
@@ -154,6 +212,8 @@ std::pair<std::string, int> Describe(const std::exception_ptr& error) {
     return {e.what(), e.exitCode()};
   } catch (const std::bad_alloc&) {
     return {"out of memory", kExitIo};
+  } catch (const std::system_error& e) {
+    return {SystemErrorText(e), kExitIo};
   } catch (const std::exception& e) {
     return {e.what(), kExitIo};
   }
@@ -187,7 +247,7 @@ int RenderSelection(RenderJob& job, const FrameSelection& selection,
   Handoff<Stage<RenderedFrame>> toWrite;
   const bool stopAtFailure = !options.keepGoing;
 
-  std::thread reader([&] {
+  auto read = [&] {
     for (const SequenceEntry& entry : selection.frames) {
       Stage<ReadFrame> stage;
       if (entry.missing) {
@@ -206,11 +266,14 @@ int RenderSelection(RenderJob& job, const FrameSelection& selection,
       if (!toRender.Put(std::move(stage)) || (failed && stopAtFailure)) break;
     }
     toRender.Close();
-  });
+  };
 
   // Failures in frame order, kept by the writer, which sees every frame last.
   std::vector<std::pair<FrameFiles, std::exception_ptr>> failures;
-  std::thread writer([&] {
+  // Standard output failed (-v, --progress lines or openjd): whoever reads it has gone, so the
+  // run stops; its errno.
+  std::optional<int> stdoutFailure;
+  auto write = [&] {
     while (std::optional<Stage<RenderedFrame>> stage = toWrite.Take()) {
       if (stage->value) {
         try {
@@ -232,9 +295,24 @@ int RenderSelection(RenderJob& job, const FrameSelection& selection,
         progress.Done(stage->files,
                       stage->skipped ? Progress::Outcome::kSkipped : Progress::Outcome::kWritten);
       }
+      if (int errnum = 0; progress.OutputFailed(&errnum)) {
+        stdoutFailure = errnum;
+        break;
+      }
     }
     toWrite.Close();
-  });
+  };
+  std::thread reader, writer;
+  try {
+    reader = hostsim::StartThread(read);
+    writer = hostsim::StartThread(write);
+  } catch (const std::system_error& e) {
+    // Not started: the run ends before its first frame, once the reader has stopped.
+    toRender.Close();
+    toWrite.Close();
+    if (reader.joinable()) reader.join();
+    throw ThreadStartError("the threads that read and write the frames", e);
+  }
 
   // This thread renders.
   while (std::optional<Stage<ReadFrame>> stage = toRender.Take()) {
@@ -256,6 +334,14 @@ int RenderSelection(RenderJob& job, const FrameSelection& selection,
   reader.join();
   writer.join();
   progress.Finish(static_cast<int>(failures.size()));
+  if (stdoutFailure) {
+    try {
+      renderer.Finish();
+    } catch (const CliError&) {
+      // Standard output's failure is what stopped the run.
+    }
+    throw StdoutError(*stdoutFailure);
+  }
   if (failures.empty()) {
     renderer.Finish();
     return kExitOk;

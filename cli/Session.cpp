@@ -7,6 +7,7 @@
 #include <cstring>
 #include <new>
 #include <stdexcept>
+#include <system_error>
 #include <vector>
 
 #include "CliError.h"
@@ -160,6 +161,13 @@ std::unique_ptr<hostsim::World> EffectSession::Render(std::unique_ptr<hostsim::W
   // A new world already holds zeros; a reused one holds the last frame.
   host_.reuseOutput = output != nullptr;
   host_.clearOutput = output != nullptr;
+  try {
+    // All of them before the first render, so that a limit on threads is the command's error
+    // rather than the effect's.
+    host_.StartThreads();
+  } catch (const std::system_error& e) {
+    throw ThreadStartError(std::to_string(host_.ThreadCount()) + " render threads", e);
+  }
   Check("smart render", Guarded("smart render", [&] { return host_.SmartRender(&output); }));
   return output;
 }

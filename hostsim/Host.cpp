@@ -3,6 +3,7 @@
 // iterate: Iterate.cpp).
 #include "hostsim/Host.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -10,6 +11,7 @@
 #include <limits>
 #include <new>
 #include <stdexcept>
+#include <thread>
 
 #include "hostsim/HostCallbacks.h"
 #include "hostsim/ThreadPool.h"
@@ -107,6 +109,15 @@ bool Host::ShouldFail(HostCall call, PF_Err* err) {
   failures_.erase(it);
   failuresArmed_.store(static_cast<int>(failures_.size()));
   return true;
+}
+
+int Host::ThreadCount() const {
+  return threads > 0 ? threads : std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
+}
+
+void Host::StartThreads() {
+  std::lock_guard<std::mutex> poolLock(poolMutex_);
+  if (ThreadCount() > 1) Pool(ThreadCount());
 }
 
 ThreadPool& Host::Pool(int participants) {

@@ -148,6 +148,11 @@ class Host {
   // --- set-up of the host's side ---
   ParamValues params;       // what checkout_param returns at the current time
   int threads = 0;          // iterate threads; 0 = all cores
+  // Starts the iterate threads `threads` asks for now, instead of at the first iterate that
+  // needs them (where a thread the system refuses fails the iterate with
+  // PF_Err_OUT_OF_MEMORY); throws std::system_error when the system refuses one.
+  void StartThreads();
+  int ThreadCount() const;  // `threads`, or the processors when 0
   bool handleCallbacks = true;  // false: host_new_handle/host_dispose_handle are null
   bool basicSuitePresent = true;  // false: in_data->pica_basicP is null
   // Layer 0. Its top-left pixel lies at the world's origin in layer coordinates (normally

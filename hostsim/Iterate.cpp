@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <system_error>
 #include <thread>
 
 #include "hostsim/ThreadPool.h"
@@ -68,10 +69,7 @@ PF_Rect ClippedArea(const PF_Rect& area, const PF_EffectWorld& dst) {
 // How many threads share the rows: the host's setting (all processors when 0), at most one
 // per row.
 int Participants(const Host& host, A_long rows) {
-  const int wanted = host.threads > 0
-                         ? host.threads
-                         : std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
-  return static_cast<int>(std::min<int64_t>(wanted, rows));
+  return static_cast<int>(std::min<int64_t>(host.ThreadCount(), rows));
 }
 
 template <typename Pixel>
@@ -161,8 +159,15 @@ PF_Err HostCallbacks::Iterate(int depthBits, PF_InData* in_data, A_long progress
     threadsUsed = ParallelRows(nullptr, 1, top, clipped.bottom, perThread, row);
   } else {
     std::lock_guard<std::mutex> poolLock(host->poolMutex_);
-    threadsUsed = ParallelRows(&host->Pool(participants), participants, top, clipped.bottom,
-                               perThread, row);
+    ThreadPool* pool = nullptr;
+    try {
+      pool = &host->Pool(participants);
+    } catch (const std::system_error&) {
+      // The system refused a thread (a process or thread limit): no exception may cross into
+      // the effect, so the host reports the resources it could not get.
+      return finish(PF_Err_OUT_OF_MEMORY, {}, 0);
+    }
+    threadsUsed = ParallelRows(pool, participants, top, clipped.bottom, perThread, row);
   }
   std::vector<int> rows;
   for (A_long y = top; y < clipped.bottom; ++y) {

@@ -1,12 +1,15 @@
 #include "hostsim/ThreadPool.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <exception>
+#include <system_error>
 
 namespace hostsim {
 
 namespace {
 thread_local bool on_worker = false;
+std::atomic<int> thread_starts_left{-1};  // FailThreadStartsAfter's count; -1: no limit
 
 struct WorkerFlag {
   bool previous;
@@ -15,17 +18,38 @@ struct WorkerFlag {
 };
 }  // namespace
 
-ThreadPool::ThreadPool(int workers) {
-  for (int i = 0; i < workers; ++i) threads_.emplace_back([this] { WorkerLoop(); });
+std::thread StartThread(std::function<void()> body) {
+  int left = thread_starts_left.load();
+  while (left >= 0) {
+    if (left == 0) throw std::system_error(EAGAIN, std::generic_category());
+    if (thread_starts_left.compare_exchange_weak(left, left - 1)) break;
+  }
+  return std::thread(std::move(body));
 }
 
-ThreadPool::~ThreadPool() {
+void FailThreadStartsAfter(int n) { thread_starts_left.store(n < 0 ? -1 : n); }
+
+ThreadPool::ThreadPool(int workers) {
+  threads_.reserve(static_cast<size_t>(std::max(workers, 0)));
+  try {
+    for (int i = 0; i < workers; ++i) threads_.push_back(StartThread([this] { WorkerLoop(); }));
+  } catch (...) {
+    // The workers already started wait on this pool's members: they must end before those go.
+    Stop();
+    throw;
+  }
+}
+
+ThreadPool::~ThreadPool() { Stop(); }
+
+void ThreadPool::Stop() {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     stopping_ = true;
   }
   wake_.notify_all();
   for (std::thread& t : threads_) t.join();
+  threads_.clear();
 }
 
 bool ThreadPool::OnWorker() { return on_worker; }

@@ -14,9 +14,19 @@
 
 namespace hostsim {
 
+// Starts a thread running `body`. The host's threads and the tool's start here, so that a test
+// can make thread creation fail as a process or thread limit does; throws std::system_error
+// when the system refuses the thread.
+std::thread StartThread(std::function<void()> body);
+// Test seam: the next `n` StartThread calls succeed and every later one fails with EAGAIN
+// ("Resource temporarily unavailable"), until this is called with -1 (the default: none fail).
+void FailThreadStartsAfter(int n);
+
 class ThreadPool {
  public:
-  // `workers` threads besides the caller of Run (0 is allowed: Run then works alone).
+  // `workers` threads besides the caller of Run (0 is allowed: Run then works alone). Throws
+  // std::system_error when a thread cannot be started; those already started are stopped
+  // first.
   explicit ThreadPool(int workers);
   ~ThreadPool();
   ThreadPool(const ThreadPool&) = delete;
@@ -35,6 +45,7 @@ class ThreadPool {
 
  private:
   void WorkerLoop();
+  void Stop();  // ends and joins the workers
 
   std::vector<std::thread> threads_;
   std::mutex mutex_;

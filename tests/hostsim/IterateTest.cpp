@@ -3,9 +3,11 @@
 #include <chrono>
 #include <mutex>
 #include <set>
+#include <system_error>
 #include <thread>
 
 #include "FakeEffect.h"
+#include "hostsim/ThreadPool.h"
 
 using namespace hostsim_test;
 
@@ -145,4 +147,21 @@ TEST_F(IterateTest, RefusesMismatchedDepthsAndInjectedFailuresWithoutCalling) {
   EXPECT_EQ(Iterate8(nullptr, &dst8, nullptr, &v), 33);
   EXPECT_TRUE(v.threads.empty());
   EXPECT_TRUE(host.iteratedRows().empty());
+}
+
+// A thread the system refuses (a process limit), however many started before it: the pool
+// stops those and the iterate fails without calling the effect; the next one gets its threads.
+TEST_F(IterateTest, AThreadTheSystemRefusesFailsTheIterateAndNothingElse) {
+  World dst(Depth::k8, 2, 8);
+  host.threads = 8;
+  for (int started : {0, 1, 6}) {
+    Visits v(&host.inData());
+    hostsim::FailThreadStartsAfter(started);
+    EXPECT_EQ(Iterate8(nullptr, &dst, nullptr, &v), PF_Err_OUT_OF_MEMORY) << started;
+    EXPECT_THROW(host.StartThreads(), std::system_error) << started;
+    hostsim::FailThreadStartsAfter(-1);
+    EXPECT_TRUE(v.threads.empty()) << started;
+  }
+  Visits v(&host.inData());
+  EXPECT_EQ(Iterate8(nullptr, &dst, nullptr, &v), 0);
 }
