@@ -29,9 +29,16 @@ int RunInfo(const InfoCommand& command, const std::string& plugin, std::ostream&
   LensSettings settings = ParseLensOptions(command.lens);
   ImageSize layer = ParseSize("--size", command.size);
   std::optional<ImageSize> other;
+  std::optional<RecordedLens> recorded;
+  std::vector<std::string> lensNotes;
   if (!command.image.empty()) {
-    // The frame, the overscan and the pixel aspect of an image file, as render reads them.
+    // The lens the image records, the frame, the overscan and the pixel aspect of an image
+    // file, as render reads them.
     const InputImage image = OpenInputImage(command.image, "");
+    recorded = ReadRecordedLens(image.spec, command.image);
+    const ImageLens lens = LensForImage(command.lens, recorded, false);
+    settings = ParseLensOptions(lens.lens);
+    lensNotes = lens.notes;
     const InputFrame frame = PlaceInput(settings.mode, image.dataWindow, image.displayWindow);
     layer = frame.frame;
     other = frame.other;
@@ -60,6 +67,8 @@ int RunInfo(const InfoCommand& command, const std::string& plugin, std::ostream&
   info.back = session.PreRender(request);
   session.Finish();
   info.image = command.image;
+  info.recorded = recorded;
+  info.lensNotes = lensNotes;
   info.fitSize = FitUndistortedSize(settings, sizes.distorted);
   const DefaultWindow distorted =
       ApplyWindow(info.back.lens.pixOffsetX, info.back.lens.pixOffsetY, sizes.distorted);
@@ -133,12 +142,16 @@ void AddLensOptions(CLI::App* sub, LensOptionText* lens) {
       ->type_name("FILE.json");
 }
 
-// Fills the lens options not given on the command line from --lens; returns the keys taken.
+// Fills the lens options not given on the command line from --lens and notes which options
+// are given; returns the keys taken from --lens.
 std::vector<std::string> ApplyLensFile(const CLI::App* sub, LensOptionText* lens) {
-  if (lens->file.empty()) return {};
-  return MergeLensFile(lens->file, lens, [sub](const std::string& option) {
+  const auto onCommandLine = [sub](const std::string& option) {
     return sub->get_option(option)->count() > 0;
-  });
+  };
+  std::vector<std::string> taken;
+  if (!lens->file.empty()) taken = MergeLensFile(lens->file, lens, onCommandLine);
+  lens->given = GivenLensKeys(onCommandLine, taken);
+  return taken;
 }
 
 constexpr const char* kExitCodes =
