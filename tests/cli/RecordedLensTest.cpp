@@ -1,0 +1,158 @@
+// The lens a render records in its output (veltrisca:* attributes), read back: a render of an
+// image whose lens was removed puts it back onto the plate's frame, options that differ from
+// the record warn, --lens takes such an image, info prints it, and --skip-existing keeps only
+// whole outputs that record the job's lens.
+#include "CliTestSupport.h"
+
+namespace vt_cli_test {
+namespace {
+
+const char* const kRecordKeys[] = {"mode",    "filter",      "distortion",
+                                   "cubic",   "quartic",     "zoom",
+                                   "pixelAspect", "distortedSize", "undistortedSize"};
+
+// A float chart plate and its undistorted render with --fit (overscan: the record holds two
+// different sizes).
+class Recorded : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    RunOk({"chart", plate, "--size", "240x136", "--depth", "float"});
+    RunOk(Cat({"render", plate, u, "--fit"}, kLens));
+  }
+  // `from` rewritten with its attributes changed by `edit` (pixels and windows kept).
+  void Rewrite(const std::string& from, const std::string& to,
+               const std::function<void(OIIO::ImageSpec&)>& edit) {
+    Image im = ReadImage(from);
+    edit(im.spec);
+    WriteSpec(to, im.spec, im.format, im.raw.data());
+  }
+  const Args kLens = {"--distortion", "-50", "--filter", "lanczos3"};
+  ScratchDir dir;
+  const std::string plate = dir / "plate.exr", u = dir / "u.exr";
+};
+
+void EraseRecord(OIIO::ImageSpec& spec) {
+  for (const char* key : kRecordKeys) spec.erase_attribute(std::string("veltrisca:") + key);
+}
+
+TEST_F(Recorded, ApplyWithoutLensOptionsPutsTheRemovedLensBackOntoThePlate) {
+  const RunResult bare = RunOk({"render", u, dir / "back.exr"});
+  EXPECT_NE(bare.err.find("note: the input records the lens removed from its plate (Remove, "
+                          "distortion -50.0); rendering Apply puts it back"),
+            std::string::npos)
+      << bare.err;
+  const Image a = ReadImage(plate), b = ReadImage(dir / "back.exr");
+  ASSERT_EQ(std::make_tuple(b.spec.x, b.spec.y, b.width, b.height, b.spec.full_width,
+                            b.spec.full_height),
+            std::make_tuple(0, 0, 240, 136, 240, 136));
+  double sum = 0;
+  for (size_t i = 0; i < a.pixels.size(); ++i) {
+    if (i % 4 != 3) sum += (b.pixels[i] - a.pixels[i]) * (b.pixels[i] - a.pixels[i]);
+  }
+  EXPECT_GE(-10 * std::log10(sum / (a.pixels.size() * 3 / 4)), 30.0);
+  // The same pixels as the lens given by hand on the image without its record, or taken from
+  // the record with --lens.
+  Rewrite(u, dir / "comp.exr", EraseRecord);
+  RunOk(Cat({"render", dir / "comp.exr", dir / "given.exr", "--mode", "apply"}, kLens));
+  RunOk({"render", dir / "comp.exr", dir / "lens.exr", "--mode", "apply", "--lens", u});
+  EXPECT_EQ(ReadImage(dir / "given.exr").raw, b.raw);
+  EXPECT_EQ(ReadImage(dir / "lens.exr").raw, b.raw);
+}
+
+TEST_F(Recorded, OptionsThatDifferFromTheRecordWarnOnceEach) {
+  Write(dir / "zoom.json", "{\"zoom\": 1.1, \"filter\": \"lanczos3\"}");
+  const std::pair<Args, std::vector<std::string>> cases[] = {
+      {kLens, {}},
+      {{"--distortion", "-40", "--lens", dir / "zoom.json"},
+       {"warning: --distortion -40 overrides the input's recorded distortion -50.0",
+        "warning: --zoom 1.1 overrides the input's recorded zoom 1.0"}},
+      {{"--mode", "apply", "--distorted-size", "200x100"},
+       {"warning: --distorted-size 200x100 overrides the input's recorded distorted-size "
+        "240x136"}},
+      {{"--mode", "remove"},
+       {"warning: the input records the lens removed from its plate (Remove, distortion -50.0); "
+        "removing again uses the lens options given, not the record"}},
+  };
+  for (const auto& [args, warnings] : cases) {
+    const RunResult r = RunOk(Cat({"render", u, dir / "o.exr"}, args));
+    for (const std::string& w : warnings) {
+      EXPECT_NE(r.err.find("veltrisca: " + w + "\n"), std::string::npos) << r.err;
+    }
+    size_t count = 0;
+    for (size_t at = 0; (at = r.err.find("warning:", at)) != std::string::npos; ++at) ++count;
+    EXPECT_EQ(count, warnings.size()) << args[0] << ": " << r.err;
+  }
+}
+
+TEST_F(Recorded, InfoPrintsTheRecordAndBadRecordsAreRefused) {
+  const RunResult text = RunOk({"info", u});
+  EXPECT_NE(text.out.find("Recorded lens        remove, lanczos3, distortion -50.0, cubic 0.0, "
+                          "quartic 0.0, zoom 1.0, pixel-aspect 1.0, distorted-size 240x136"),
+            std::string::npos)
+      << text.out;
+  EXPECT_NE(text.out.find("distortMode        2 (Apply)"), std::string::npos);
+  const Json info = Json::parse(RunOk({"info", u, "--json"}).out);
+  const Image undistorted = ReadImage(u);
+  EXPECT_EQ(info["recordedLens"],
+            Json::parse("{\"mode\": \"remove\", \"filter\": \"lanczos3\", \"distortion\": -50, "
+                        "\"cubic\": 0, \"quartic\": 0, \"zoom\": 1, \"pixelAspect\": 1, "
+                        "\"distortedSize\": [240, 136], \"undistortedSize\": [" +
+                        std::to_string(undistorted.width) + ", " +
+                        std::to_string(undistorted.height) + "]}"));
+  EXPECT_TRUE(Json::parse(RunOk({"info", plate, "--json"}).out)["recordedLens"].is_null());
+
+  Rewrite(u, dir / "bad.exr", [](OIIO::ImageSpec& s) {
+    s.attribute("veltrisca:distortion", 99999.0f);
+  });
+  ExpectRefusal(RunTool({"render", u, dir / "o.exr", "--lens", plate}), 2,
+                "plate.exr: the image records no lens", "--lens without a record");
+  ExpectRefusal(RunTool({"render", dir / "bad.exr", dir / "o.exr"}), 2,
+                "bad.exr: veltrisca:distortion: 99999.0 is outside the slider range",
+                "a damaged record");
+}
+
+// An output that is cut off, or records another lens, is rendered again; a whole one of the
+// job's lens is kept, even written with another compression.
+TEST_F(Recorded, SkipExistingKeepsOnlyWholeOutputsOfTheJobsLens) {
+  struct Case {
+    const char* name;
+    const char* ext;
+    Args writtenWith;  // how the existing output was rendered
+    size_t (*kept)(size_t bytes);  // how many of its bytes are left
+    const char* note;  // the note of a re-render, or "" when kept
+  };
+  const auto whole = [](size_t n) { return n; };
+  const auto threeQuarters = [](size_t n) { return n * 3 / 4; };
+  const Case cases[] = {
+      {"whole", "exr", {"--compression", "piz"}, whole, ""},
+      {"cut", "exr", {}, threeQuarters, "truncated OpenEXR file"},
+      {"cut in its header", "exr", {}, [](size_t) { return size_t{300}; },
+       "(300 bytes; its header is cut off)"},
+      {"another lens", "exr", {"--distortion", "-30"}, whole,
+       "records another lens (distortion -30.0, not -50)"},
+      {"cut", "tif", {}, threeQuarters, "truncated file"},
+      {"cut", "tga", {}, threeQuarters, "Read error"},
+  };
+  for (const Case& c : cases) {
+    const std::string out = dir / (std::string("out.") + c.ext);
+    const std::string ref = dir / (std::string("ref.") + c.ext);
+    RunOk(Cat({"render", plate, ref, "-q"}, kLens));
+    RunOk(Cat(Cat({"render", plate, out, "-q"}, kLens), c.writtenWith));
+    const std::string written = Slurp(out);
+    const std::string existing = written.substr(0, c.kept(written.size()));
+    Write(out, existing);
+    const RunResult r = RunOk(Cat({"render", plate, out, "--skip-existing"}, kLens));
+    const std::string label = std::string(c.name) + " " + c.ext;
+    if (*c.note) {
+      EXPECT_EQ(Slurp(out), Slurp(ref)) << label;
+      EXPECT_NE(r.err.find(c.note), std::string::npos) << label << ": " << r.err;
+      EXPECT_NE(r.err.find("; rendering it again"), std::string::npos) << label;
+    } else {
+      EXPECT_EQ(Slurp(out), existing) << label;
+      EXPECT_EQ(r.err, "") << label;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace vt_cli_test
