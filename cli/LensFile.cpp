@@ -412,11 +412,16 @@ ImageLens LensForImage(const LensOptionText& given, const std::optional<Recorded
                         " again uses the lens options given, not the record");
     return out;
   }
+  // The size of the image itself (the undistorted size in Apply) is its frame, as for any
+  // image: the record's is the same unless the image was cropped or scaled since.
+  const auto tied = mode == kModeApply ? &LensOptionText::undistortedSize
+                                       : &LensOptionText::distortedSize;
   for (const Key& k : kKeys) {
     if (k.field == &LensOptionText::mode) continue;
     if (fit && k.field == &LensOptionText::undistortedSize) continue;  // --fit chooses it
     const std::string value = recorded->Value(k.name);
     if (!isGiven(k.name)) {
+      if (k.field == tied) continue;
       out.lens.*k.field = value;
       out.lens.given.push_back(k.name);
     } else if (!SameValue(k, given.*k.field, value)) {

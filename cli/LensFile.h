@@ -62,7 +62,9 @@ std::optional<RecordedLens> ReadRecordedLens(const OIIO::ImageSpec& spec,
 // The lens a command uses on an image. `given` holds the options given (lens.given names them)
 // over the defaults. A record fills the options not given, in the mode that undoes what the
 // record says was done (Apply on an image whose lens was removed) unless the mode is given, or
-// --fit chooses Remove; a render in the recorded mode itself does not use the record.
+// --fit chooses Remove; a render in the recorded mode itself does not use the record. The
+// size tied to the image (the undistorted size in Apply) stays its frame's, so the record
+// gives the other: in Apply, the plate's frame.
 struct ImageLens {
   LensOptionText lens;  // what the command uses; its `given` gains the keys the record gave
   bool recordUsed = false;

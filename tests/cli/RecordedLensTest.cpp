@@ -57,6 +57,25 @@ TEST_F(Recorded, ApplyWithoutLensOptionsPutsTheRemovedLensBackOntoThePlate) {
   RunOk({"render", dir / "comp.exr", dir / "lens.exr", "--mode", "apply", "--lens", u});
   EXPECT_EQ(ReadImage(dir / "given.exr").raw, b.raw);
   EXPECT_EQ(ReadImage(dir / "lens.exr").raw, b.raw);
+  // Cropped to the plate's frame (its overscan dropped), the image is its own undistorted
+  // frame; the record gives the lens and the plate's frame, as the lens given by hand does.
+  Image crop = ReadImage(u);
+  const int left = -crop.spec.x, top = -crop.spec.y, n = crop.channels;
+  const size_t sample = crop.format.size();
+  std::vector<uint8_t> inside(size_t(240) * 136 * n * sample);
+  for (int y = 0; y < 136; ++y) {
+    std::memcpy(&inside[size_t(y) * 240 * n * sample],
+                &crop.raw[(size_t(y + top) * crop.width + left) * n * sample], 240 * n * sample);
+  }
+  crop.spec.x = crop.spec.y = 0;
+  crop.spec.width = 240;
+  crop.spec.height = 136;
+  WriteSpec(dir / "crop.exr", crop.spec, crop.format, inside.data());
+  EraseRecord(crop.spec);
+  WriteSpec(dir / "crop-comp.exr", crop.spec, crop.format, inside.data());
+  RunOk({"render", dir / "crop.exr", dir / "crop-back.exr"});
+  RunOk(Cat({"render", dir / "crop-comp.exr", dir / "crop-given.exr", "--mode", "apply"}, kLens));
+  EXPECT_EQ(ReadImage(dir / "crop-back.exr").raw, ReadImage(dir / "crop-given.exr").raw);
 }
 
 TEST_F(Recorded, OptionsThatDifferFromTheRecordWarnOnceEach) {
