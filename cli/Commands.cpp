@@ -111,7 +111,9 @@ int RunChart(const ChartCommand& command) {
 namespace {
 
 void AddLensOptions(CLI::App* sub, LensOptionText* lens) {
-  sub->add_option("--mode", lens->mode, "remove (distorted plate -> undistorted image) or apply")
+  sub->add_option("--mode", lens->mode,
+                  "remove (distorted plate -> undistorted image) or apply (default: remove, or "
+                  "the inverse of what an input's recorded lens says was done)")
       ->type_name("MODE")
       ->capture_default_str();
   sub->add_option("--filter", lens->filter,
@@ -138,8 +140,9 @@ void AddLensOptions(CLI::App* sub, LensOptionText* lens) {
                   "UndistortedImgSize (default: the input layer in apply, else the distorted size)")
       ->type_name("WxH");
   sub->add_option("--lens", lens->file,
-                  "lens file (JSON) for every lens option not given on the command line")
-      ->type_name("FILE.json");
+                  "lens file (JSON), or an image that records a lens (all but its mode), for "
+                  "every lens option not given on the command line")
+      ->type_name("FILE.json|IMAGE");
 }
 
 // Fills the lens options not given on the command line from --lens and notes which options
@@ -238,7 +241,8 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
                       "render every frame even after a failure, then list the failed frames "
                       "(the exit code is still non-zero)");
   renderApp->add_flag("--skip-existing", render.skipExisting,
-                      "leave frames whose output is already a readable image");
+                      "leave frames whose output is already whole and records this lens "
+                      "(a cut-off output, or one of another lens, is rendered again)");
   renderApp->add_option("--progress", render.progress,
                         "auto (default: bar on a terminal, else lines), bar, lines (one line a "
                         "frame on stdout), openjd (openjd_progress: lines) or none")
