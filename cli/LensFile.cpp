@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cmath>
 #include <cstdlib>
 #include <fstream>
 #include <set>
@@ -429,7 +428,6 @@ ImageLens LensForImage(const LensOptionText& given, const std::optional<Recorded
                           " overrides the input's recorded " + (k.option + 2) + " " + value);
     }
   }
-  out.recordUsed = true;
   return out;
 }
 

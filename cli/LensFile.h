@@ -67,7 +67,6 @@ std::optional<RecordedLens> ReadRecordedLens(const OIIO::ImageSpec& spec,
 // gives the other: in Apply, the plate's frame.
 struct ImageLens {
   LensOptionText lens;  // what the command uses; its `given` gains the keys the record gave
-  bool recordUsed = false;
   std::vector<std::string> notes;  // one line each: "note: ..." or "warning: ..."
 };
 ImageLens LensForImage(const LensOptionText& given, const std::optional<RecordedLens>& recorded,

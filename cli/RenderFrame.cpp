@@ -353,7 +353,7 @@ bool IsFinishedOutput(const RenderJob& job, const FrameFiles& files, Notes& note
   try {
     recorded = ReadRecordedLens(CheckWholeImage(files.output), files.output);
   } catch (const CliError& e) {
-    notes("note: " + std::string(e.what()) + "; rendering it again");
+    notes("note: " + MessageLine(e.what()) + "; rendering it again");
     return false;
   }
   if (!recorded) return true;
@@ -372,7 +372,7 @@ bool IsFinishedOutput(const RenderJob& job, const FrameFiles& files, Notes& note
   }
   std::string difference;
   if (RecordMatches(*recorded, lens, &difference)) return true;
-  notes("note: " + files.output + " records another lens (" + difference +
+  notes("note: " + MessageLine(files.output) + " records another lens (" + difference +
         "); rendering it again");
   return false;
 }
