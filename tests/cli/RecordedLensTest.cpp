@@ -57,6 +57,17 @@ TEST_F(Recorded, ApplyWithoutLensOptionsPutsTheRemovedLensBackOntoThePlate) {
   RunOk({"render", dir / "comp.exr", dir / "lens.exr", "--mode", "apply", "--lens", u});
   EXPECT_EQ(ReadImage(dir / "given.exr").raw, b.raw);
   EXPECT_EQ(ReadImage(dir / "lens.exr").raw, b.raw);
+  // --lens IMAGE leaves the mode to the command: the plate rendered with it is u again.
+  RunOk({"render", plate, dir / "again.exr", "--lens", u});
+  EXPECT_EQ(ReadImage(dir / "again.exr").raw, ReadImage(u).raw);
+  // In a shot each frame's record is read; the note is said once.
+  fs::copy_file(u, dir / "u.0001.exr");
+  fs::copy_file(u, dir / "u.0002.exr");
+  const RunResult shot =
+      RunOk({"render", dir / "u.####.exr", dir / "b.####.exr", "--progress", "none"});
+  EXPECT_EQ(ReadImage(dir / "b.0002.exr").raw, b.raw);
+  ASSERT_NE(shot.err.find("note: the input records"), std::string::npos);
+  EXPECT_EQ(shot.err.find("note:"), shot.err.rfind("note:")) << shot.err;
   // Cropped to the plate's frame (its overscan dropped), the image is its own undistorted
   // frame; the record gives the lens and the plate's frame, as the lens given by hand does.
   Image crop = ReadImage(u);
