@@ -367,7 +367,9 @@ bool CheckExrChunks(const std::string& path) {
   for (uint64_t i = 0; i < chunks; ++i) {
     uint64_t offset = 0;
     ReadUint(in, at + 8 * i, 8, false, &offset);
-    if (offset == 0) damaged("incomplete", "chunk " + std::to_string(i) + of + " was never written");
+    if (offset == 0) {
+      damaged("incomplete", "chunk " + std::to_string(i) + of + " was never written");
+    }
     if (offset < tableEnd || offset > size || size - offset < chunkHead) {
       damaged("truncated", "chunk " + std::to_string(i) + of + " lies at byte " +
                                std::to_string(offset));

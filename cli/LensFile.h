@@ -45,7 +45,8 @@ std::string LensFileText(const LensSettings& settings, const std::string& commen
 struct RecordedLens {
   std::vector<std::pair<std::string, std::string>> values;
   std::string Value(const std::string& key) const;  // "" when absent
-  std::string Text() const;  // "remove, lanczos2, distortion -50.0, ..., undistorted-size 2000x1126"
+  // "remove, lanczos2, distortion -50.0, ..., undistorted-size 2000x1126"
+  std::string Text() const;
   std::string LensFile() const;  // as a lens file (LensFileText)
 };
 
