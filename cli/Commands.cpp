@@ -34,9 +34,16 @@ int RunInfo(const InfoCommand& command, const std::string& plugin, std::ostream&
   LensSettings settings = ParseLensOptions(command.lens);
   ImageSize layer = ParseSize("--size", command.size);
   std::optional<ImageSize> other;
+  std::optional<RecordedLens> recorded;
+  std::vector<std::string> lensNotes;
   if (!command.image.empty()) {
-    // The frame, the overscan and the pixel aspect of an image file, as render reads them.
+    // The lens the image records, the frame, the overscan and the pixel aspect of an image
+    // file, as render reads them.
     const InputImage image = OpenInputImage(command.image, "");
+    recorded = ReadRecordedLens(image.spec, command.image);
+    const ImageLens lens = LensForImage(command.lens, recorded, false);
+    settings = ParseLensOptions(lens.lens);
+    lensNotes = lens.notes;
     const InputFrame frame = PlaceInput(settings.mode, image.dataWindow, image.displayWindow);
     layer = frame.frame;
     other = frame.other;
@@ -66,6 +73,8 @@ int RunInfo(const InfoCommand& command, const std::string& plugin, std::ostream&
   info.back = session.PreRender(request);
   session.Finish();
   info.image = command.image;
+  info.recorded = recorded;
+  info.lensNotes = lensNotes;
   info.fitSize = FitUndistortedSize(settings, sizes.distorted);
   const DefaultWindow distorted =
       ApplyWindow(info.back.lens.pixOffsetX, info.back.lens.pixOffsetY, sizes.distorted);
@@ -132,7 +141,9 @@ void ReportWritten(const std::string& path, bool image,
 }
 
 void AddLensOptions(CLI::App* sub, LensOptionText* lens) {
-  sub->add_option("--mode", lens->mode, "remove (distorted plate -> undistorted image) or apply")
+  sub->add_option("--mode", lens->mode,
+                  "remove (distorted plate -> undistorted image) or apply (default: remove, or "
+                  "the inverse of what an input's recorded lens says was done)")
       ->type_name("MODE")
       ->capture_default_str();
   sub->add_option("--filter", lens->filter,
@@ -159,16 +170,21 @@ void AddLensOptions(CLI::App* sub, LensOptionText* lens) {
                   "UndistortedImgSize (default: the input layer in apply, else the distorted size)")
       ->type_name("WxH");
   sub->add_option("--lens", lens->file,
-                  "lens file (JSON) for every lens option not given on the command line")
-      ->type_name("FILE.json");
+                  "lens file (JSON), or an image that records a lens (all but its mode), for "
+                  "every lens option not given on the command line")
+      ->type_name("FILE.json|IMAGE");
 }
 
-// Fills the lens options not given on the command line from --lens; returns the keys taken.
+// Fills the lens options not given on the command line from --lens and notes which options
+// are given; returns the keys taken from --lens.
 std::vector<std::string> ApplyLensFile(const CLI::App* sub, LensOptionText* lens) {
-  if (lens->file.empty()) return {};
-  return MergeLensFile(lens->file, lens, [sub](const std::string& option) {
+  const auto onCommandLine = [sub](const std::string& option) {
     return sub->get_option(option)->count() > 0;
-  });
+  };
+  std::vector<std::string> taken;
+  if (!lens->file.empty()) taken = MergeLensFile(lens->file, lens, onCommandLine);
+  lens->given = GivenLensKeys(onCommandLine, taken);
+  return taken;
 }
 
 constexpr const char* kExitCodes =
@@ -374,7 +390,8 @@ int RunCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
                       "render every frame even after a failure, then list the failed frames "
                       "(the exit code is still non-zero)");
   renderApp->add_flag("--skip-existing", render.skipExisting,
-                      "leave frames whose output is already a readable image");
+                      "leave frames whose output is already whole and records this lens "
+                      "(a cut-off output, or one of another lens, is rendered again)");
   renderApp->add_option("--progress", render.progress,
                         "auto (default: bar on a terminal, else lines), bar, lines (one line a "
                         "frame on stdout), openjd (openjd_progress: lines) or none")

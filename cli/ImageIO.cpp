@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <vector>
 
 #include "CliError.h"
@@ -145,11 +146,14 @@ std::string ChunkName(const unsigned char* type) {
 // "libpng error" line on stderr before it reports damage. Walking the chunks first (lengths and
 // checksums, up to IEND) refuses a cut-off or damaged PNG with one clear message, a file cut
 // off after its pixels and a damaged text chunk included. Other files are left to the readers.
-void CheckPngChunks(const std::string& path) {
+// Returns false for a file that is not a PNG.
+bool CheckPngChunks(const std::string& path) {
   static const unsigned char kSignature[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n'};
   std::ifstream in(path, std::ios::binary);
   unsigned char head[8];
-  if (!in.read(reinterpret_cast<char*>(head), 8) || std::memcmp(head, kSignature, 8) != 0) return;
+  if (!in.read(reinterpret_cast<char*>(head), 8) || std::memcmp(head, kSignature, 8) != 0) {
+    return false;
+  }
   std::vector<unsigned char> buffer(1 << 16);
   uint64_t offset = 8;
   for (;;) {
@@ -178,7 +182,7 @@ void CheckPngChunks(const std::string& path) {
     if (BigEndian32(stored) != static_cast<uint32_t>(crc)) {
       throw IoError(path + ": corrupt PNG file (" + chunk + at + " fails its checksum)");
     }
-    if (std::memcmp(head + 4, "IEND", 4) == 0) return;
+    if (std::memcmp(head + 4, "IEND", 4) == 0) return true;
     offset += 12 + uint64_t{length};
   }
 }
@@ -205,11 +209,12 @@ bool ReadUint(std::ifstream& in, uint64_t offset, int bytes, bool bigEndian, uin
 
 // The DPX and TIFF readers of OpenImageIO 2.4 do not always notice pixel data cut short (the
 // missing rows come back 0). The headers say how long the file must be: a DPX records its
-// total size; a TIFF the offset and length of every strip or tile of its first image.
-void CheckDeclaredLength(const std::string& path) {
+// total size; a TIFF the offset and length of every strip or tile of its first image. Returns
+// false when the file is neither, or its header is not one checked here.
+bool CheckDeclaredLength(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   unsigned char magic[4];
-  if (!in.read(reinterpret_cast<char*>(magic), 4)) return;
+  if (!in.read(reinterpret_cast<char*>(magic), 4)) return false;
   const uint64_t size = FileSize(in);
   auto refuse = [&](uint64_t declared) {
     throw IoError(path + ": truncated file (" + std::to_string(size) + " bytes; its header " +
@@ -217,37 +222,166 @@ void CheckDeclaredLength(const std::string& path) {
   };
   if (std::memcmp(magic, "SDPX", 4) == 0 || std::memcmp(magic, "XPDS", 4) == 0) {
     uint64_t declared = 0;
-    if (ReadUint(in, 16, 4, magic[0] == 'S', &declared) && declared > size) refuse(declared);
-    return;
+    if (!ReadUint(in, 16, 4, magic[0] == 'S', &declared)) return false;
+    if (declared > size) refuse(declared);
+    return true;
   }
   const bool big = std::memcmp(magic, "MM\0*", 4) == 0;
-  if (!big && std::memcmp(magic, "II*\0", 4) != 0) return;  // not TIFF (or BigTIFF)
+  if (!big && std::memcmp(magic, "II*\0", 4) != 0) return false;  // not TIFF (or BigTIFF)
   uint64_t ifd = 0, entries = 0;
-  if (!ReadUint(in, 4, 4, big, &ifd) || !ReadUint(in, ifd, 2, big, &entries)) return;
+  if (!ReadUint(in, 4, 4, big, &ifd) || !ReadUint(in, ifd, 2, big, &entries)) return false;
   std::vector<uint64_t> offsets, counts;
   for (uint64_t e = 0; e < entries; ++e) {
     const uint64_t at = ifd + 2 + 12 * e;
     uint64_t tag = 0, type = 0, count = 0;
     if (!ReadUint(in, at, 2, big, &tag) || !ReadUint(in, at + 2, 2, big, &type) ||
         !ReadUint(in, at + 4, 4, big, &count)) {
-      return;
+      return false;
     }
     if (tag != 273 && tag != 279 && tag != 324 && tag != 325) continue;
     const int width = type == 3 ? 2 : type == 4 ? 4 : 0;  // SHORT or LONG
-    if (width == 0 || count == 0 || count > (1u << 24)) return;
+    if (width == 0 || count == 0 || count > (1u << 24)) return false;
     uint64_t values = at + 8;
-    if (count * width > 4 && !ReadUint(in, at + 8, 4, big, &values)) return;
+    if (count * width > 4 && !ReadUint(in, at + 8, 4, big, &values)) return false;
     std::vector<uint64_t>& list = (tag == 273 || tag == 324) ? offsets : counts;
     for (uint64_t i = 0; i < count; ++i) {
       uint64_t v = 0;
-      if (!ReadUint(in, values + i * width, width, big, &v)) return;
+      if (!ReadUint(in, values + i * width, width, big, &v)) return false;
       list.push_back(v);
     }
   }
-  if (offsets.empty() || offsets.size() != counts.size()) return;
+  if (offsets.empty() || offsets.size() != counts.size()) return false;
   uint64_t end = 0;
   for (size_t i = 0; i < offsets.size(); ++i) end = std::max(end, offsets[i] + counts[i]);
   if (end > size) refuse(end);
+  return true;
+}
+
+// Scanlines in one chunk of an OpenEXR file, by compression: none, rle, zips, zip, piz,
+// pxr24, b44, b44a, dwaa, dwab.
+constexpr int kExrLinesPerChunk[] = {1, 1, 1, 16, 32, 16, 32, 32, 32, 256};
+
+// The levels of a tiled OpenEXR side of n pixels (each level halves the last, rounding as the
+// file says), and their sizes.
+std::vector<uint64_t> ExrLevelSizes(uint64_t n, bool roundUp) {
+  std::vector<uint64_t> sizes{n};
+  while (sizes.back() > 1) sizes.push_back(roundUp ? (sizes.back() + 1) / 2 : sizes.back() / 2);
+  return sizes;
+}
+
+// An OpenEXR file that is cut short, or was never finished, can still open: its header is whole
+// and OpenImageIO reads the chunks only when asked for pixels. The chunk table after the header
+// places every chunk; each must lie in the file, the last one ending within it. Returns false
+// for a file that is not OpenEXR or a kind not checked here (deep, multi-part).
+bool CheckExrChunks(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  unsigned char head[8];
+  static const unsigned char kMagic[4] = {0x76, 0x2f, 0x31, 0x01};
+  if (!in.read(reinterpret_cast<char*>(head), 8) || std::memcmp(head, kMagic, 4) != 0) {
+    return false;
+  }
+  const uint64_t size = FileSize(in);
+  const auto damaged = [&](const std::string& how, const std::string& why) {
+    throw IoError(path + ": " + how + " OpenEXR file (" + std::to_string(size) + " bytes; " +
+                  why + ")");
+  };
+  const bool tiled = (head[5] & 0x02) != 0;
+  if ((head[5] & 0x18) != 0) return false;  // deep or multi-part
+  // The header: attributes (name, type, byte count, value) up to an empty name.
+  uint64_t at = 8;
+  const auto text = [&](std::string* value) {
+    in.clear();
+    in.seekg(static_cast<std::streamoff>(at));
+    if (!std::getline(in, *value, '\0')) damaged("truncated", "its header is cut off");
+    at += value->size() + 1;
+    return value->size() <= 255;
+  };
+  int64_t window[4] = {0, 0, -1, -1};
+  uint64_t compression = ~0ull, tileX = 0, tileY = 0, tileMode = 0, chunkCount = 0;
+  for (;;) {
+    std::string name, type;
+    if (!text(&name)) return false;
+    if (name.empty()) break;
+    uint64_t bytes = 0;
+    if (!text(&type)) return false;
+    if (!ReadUint(in, at, 4, false, &bytes)) damaged("truncated", "its header is cut off");
+    at += 4;
+    if (at + bytes > size) damaged("truncated", "its header is cut off");
+    uint64_t v[4] = {0, 0, 0, 0};
+    if (name == "dataWindow" && type == "box2i" && bytes == 16) {
+      for (int i = 0; i < 4; ++i) {
+        ReadUint(in, at + 4 * i, 4, false, &v[i]);
+        window[i] = static_cast<int32_t>(static_cast<uint32_t>(v[i]));
+      }
+    } else if (name == "compression" && bytes == 1) {
+      ReadUint(in, at, 1, false, &compression);
+    } else if (name == "tiles" && type == "tiledesc" && bytes == 9) {
+      ReadUint(in, at, 4, false, &tileX);
+      ReadUint(in, at + 4, 4, false, &tileY);
+      ReadUint(in, at + 8, 1, false, &tileMode);
+    } else if (name == "chunkCount" && type == "int" && bytes == 4) {
+      ReadUint(in, at, 4, false, &chunkCount);
+    }
+    at += bytes;
+  }
+  if (window[2] < window[0] || window[3] < window[1]) return false;
+  const uint64_t width = static_cast<uint64_t>(window[2] - window[0]) + 1;
+  const uint64_t height = static_cast<uint64_t>(window[3] - window[1]) + 1;
+  uint64_t chunks = chunkCount;
+  if (chunks == 0 && !tiled) {
+    if (compression >= std::size(kExrLinesPerChunk)) return false;
+    const uint64_t lines = static_cast<uint64_t>(kExrLinesPerChunk[compression]);
+    chunks = (height + lines - 1) / lines;
+  } else if (chunks == 0) {
+    if (tileX == 0 || tileY == 0 || (tileMode & 15) > 2) return false;
+    const bool roundUp = ((tileMode >> 4) & 15) == 1;
+    const std::vector<uint64_t> xs = ExrLevelSizes(width, roundUp);
+    const std::vector<uint64_t> ys = ExrLevelSizes(height, roundUp);
+    const auto tiles = [&](uint64_t w, uint64_t h) {
+      return ((w + tileX - 1) / tileX) * ((h + tileY - 1) / tileY);
+    };
+    switch (tileMode & 15) {
+      case 0:  // one level
+        chunks = tiles(width, height);
+        break;
+      case 1:  // mipmaps
+        for (size_t l = 0; l < std::max(xs.size(), ys.size()); ++l) {
+          chunks += tiles(xs[std::min(l, xs.size() - 1)], ys[std::min(l, ys.size() - 1)]);
+        }
+        break;
+      default:  // ripmaps
+        for (const uint64_t w : xs) {
+          for (const uint64_t h : ys) chunks += tiles(w, h);
+        }
+    }
+  }
+  // The chunk table, then the chunks: each begins with its position (a line, or a tile's four
+  // coordinates) and its byte count.
+  const uint64_t tableEnd = at + 8 * chunks;
+  const std::string of = " of " + std::to_string(chunks);
+  if (chunks > size / 8 || tableEnd > size) {
+    damaged("truncated", "its table of " + std::to_string(chunks) + " chunks is cut off");
+  }
+  const uint64_t chunkHead = tiled ? 20 : 8;
+  uint64_t last = 0;
+  for (uint64_t i = 0; i < chunks; ++i) {
+    uint64_t offset = 0;
+    ReadUint(in, at + 8 * i, 8, false, &offset);
+    if (offset == 0) {
+      damaged("incomplete", "chunk " + std::to_string(i) + of + " was never written");
+    }
+    if (offset < tableEnd || offset > size || size - offset < chunkHead) {
+      damaged("truncated", "chunk " + std::to_string(i) + of + " lies at byte " +
+                               std::to_string(offset));
+    }
+    last = std::max(last, offset);
+  }
+  uint64_t bytes = 0;
+  if (chunks > 0 && (!ReadUint(in, last + chunkHead - 4, 4, false, &bytes) ||
+                     last + chunkHead + bytes > size)) {
+    damaged("truncated", "its last chunk ends at byte " + std::to_string(last + chunkHead + bytes));
+  }
+  return true;
 }
 
 }  // namespace
@@ -349,6 +483,29 @@ InputImage OpenInputImage(const std::string& path, const std::string& alpha) {
     if (!mixed && BufferTypeOf(d).basetype == s.format.basetype) image.depth = d;
   }
   return image;
+}
+
+OIIO::ImageSpec CheckWholeImage(const std::string& path) {
+  CheckRegularFile(path);
+  const bool lengthChecked =
+      CheckPngChunks(path) || CheckDeclaredLength(path) || CheckExrChunks(path);
+  auto in = OIIO::ImageInput::open(path);
+  if (!in) throw IoError(FileErrorText(path, OIIO::geterror()));
+  const OIIO::ImageSpec spec = in->spec();
+  if (spec.width < 1 || spec.height < 1 || spec.nchannels < 1) {
+    throw IoError(path + ": holds no pixels");
+  }
+  if (!lengthChecked) {
+    // No table to check: every pixel is read, and an error recorded while reading (a reader
+    // that fills what is cut off) counts as a failed read.
+    std::vector<uint8_t> pixels(spec.image_bytes(true));
+    in->geterror();
+    const bool read = in->read_image(0, 0, 0, spec.nchannels, OIIO::TypeUnknown, pixels.data());
+    const std::string error = in->geterror();
+    if (!read || !error.empty()) throw IoError(FileErrorText(path, error));
+  }
+  in->close();
+  return spec;
 }
 
 int PassCount(const InputImage& image) {

@@ -53,6 +53,11 @@ struct InputImage {
 // an alpha name that is not a channel; CliError(kExitUsage) never.
 InputImage OpenInputImage(const std::string& path, const std::string& alpha);
 
+// The header of an image file that is whole (render --skip-existing): checked as OpenInputImage
+// checks, an OpenEXR file's chunk table against its length too, and a file of a format with no
+// such check by reading every pixel. Throws CliError(kExitIo) saying what is wrong.
+OIIO::ImageSpec CheckWholeImage(const std::string& path);
+
 // Passes through the effect: ceil(colour channels / 3), at least 1.
 int PassCount(const InputImage& image);
 

@@ -51,7 +51,10 @@ void WriteInfoJson(std::ostream& out, const InfoResult& info, bool withTable) {
   j.Rect("hostSupplied", r.supplied.result_rect);
   j.Rect("resultRect", r.output.result_rect);
   j.Rect("maxResultRectReported", r.output.max_result_rect);
-  if (!info.image.empty()) j.String("image", info.image);
+  if (!info.image.empty()) {
+    j.String("image", info.image);
+    j.Parsed("recordedLens", info.recorded ? info.recorded->LensFile() : "null");
+  }
   j.IntPair("fitUndistortedSize", info.fitSize.width, info.fitSize.height);
   j.Double("beyondInvertible", info.beyondInvertible);
   j.End();
@@ -130,7 +133,11 @@ void WriteInfoText(std::ostream& out, const InfoResult& info) {
   out << "  host supplied      " << RectLine(r.supplied.result_rect) << "\n";
   out << "  result_rect        " << RectLine(r.output.result_rect) << "\n";
   out << "  max_result_rect    " << RectLine(r.output.max_result_rect) << "\n\n";
-  if (!info.image.empty()) out << "Image                " << info.image << "\n";
+  if (!info.image.empty()) {
+    out << "Image                " << info.image << "\n";
+    out << "Recorded lens        " << (info.recorded ? info.recorded->Text() : "none") << "\n";
+    for (const std::string& n : info.lensNotes) out << "                     " << n << "\n";
+  }
   out << "Overscan (--fit)     undistorted size " << info.fitSize.width << " x "
       << info.fitSize.height
       << (info.beyondInvertible > 0 ? " holds every part of the distorted frame the lens undoes\n"

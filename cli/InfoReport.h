@@ -3,9 +3,12 @@
 #ifndef VT_CLI_INFOREPORT_H
 #define VT_CLI_INFOREPORT_H
 
+#include <optional>
 #include <ostream>
 #include <string>
+#include <vector>
 
+#include "LensFile.h"
 #include "Options.h"
 #include "Session.h"
 
@@ -18,12 +21,15 @@ struct InfoResult {
   std::string image;       // the image file the layer was read from, or empty
   ImageSize fitSize;       // the undistorted size render --fit would choose
   double beyondInvertible = 0;  // share of the distorted frame beyond what the lens inverts
+  std::optional<RecordedLens> recorded;  // the lens the image records
+  std::vector<std::string> lensNotes;    // how the recorded lens was used
 };
 
 // Every field of the lens record by name (the kernel pointers, which only a render sets, are
 // left out; the inverse table only when withTable), then request, inputRequest,
-// inputRequestField, hostSupplied, resultRect and maxResultRectReported, then image (when
-// given), fitUndistortedSize and beyondInvertible.
+// inputRequestField, hostSupplied, resultRect and maxResultRectReported, then image and
+// recordedLens (with an image: the lens it records as a lens file's object, or null),
+// fitUndistortedSize and beyondInvertible.
 void WriteInfoJson(std::ostream& out, const InfoResult& info, bool withTable);
 void WriteInfoText(std::ostream& out, const InfoResult& info);
 

@@ -71,10 +71,23 @@ void JsonObjectWriter::FloatArray(const char* key, const float* v, size_t n) {
   members_->object[key] = std::move(array);
 }
 
+void JsonObjectWriter::Parsed(const char* key, const std::string& json) {
+  members_->object[key] = Json::parse(json);
+}
+
 namespace {
 
-// A value on one line; array elements separated by ", ".
+// A value on one line; array elements and object members separated by ", ".
 std::string OneLine(const Json& value) {
+  if (value.is_object()) {
+    std::string text = "{";
+    bool first = true;
+    for (const auto& member : value.items()) {
+      text += (first ? "" : ", ") + JsonString(member.key()) + ": " + OneLine(member.value());
+      first = false;
+    }
+    return text + "}";
+  }
   if (!value.is_array()) return Dump(value);
   std::string text = "[";
   for (size_t i = 0; i < value.size(); ++i) text += (i ? ", " : "") + OneLine(value[i]);

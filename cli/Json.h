@@ -30,6 +30,7 @@ class JsonObjectWriter {
   void Rect(const char* key, const PF_LRect& r);  // [left, top, right, bottom]
   void IntPair(const char* key, long long a, long long b);
   void FloatArray(const char* key, const float* v, size_t n);
+  void Parsed(const char* key, const std::string& json);  // a value given as JSON text
   void End();  // writes the object, members in the order given
 
  private:

@@ -2,7 +2,10 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <map>
@@ -39,6 +42,10 @@ const Key kKeys[] = {
     {"undistortedSize", "--undistorted-size", Kind::kSize, &LensOptionText::undistortedSize},
 };
 constexpr const char* kCommentKey = "comment";
+constexpr const char* kRecordPrefix = "veltrisca:";
+// The filters by their option names, in the effect's popup order.
+const char* const kFilterOptions[] = {"builtin",  "nearest",  "bilinear",
+                                      "lanczos2", "lanczos3", "mitchell"};
 constexpr long long kMaxFileBytes = 1 << 20;
 constexpr int kMaxNesting = 8;  // levels of arrays and objects inside the file's object
 
@@ -146,11 +153,104 @@ void CheckOptionText(const Key& key, const std::string& text) {
   ParseLensOptions(probe);
 }
 
+bool Contains(const std::vector<std::string>& list, const std::string& item) {
+  return std::find(list.begin(), list.end(), item) != list.end();
+}
+
+// Two option texts of a key that mean the same value; numbers at single precision, the
+// precision a record may hold.
+bool SameValue(const Key& key, const std::string& a, const std::string& b) {
+  try {
+    switch (key.kind) {
+      case Kind::kText:
+        return key.field == &LensOptionText::mode ? ParseMode(a) == ParseMode(b)
+                                                   : ParseFilter(a) == ParseFilter(b);
+      case Kind::kNumber:
+        return static_cast<float>(std::strtod(a.c_str(), nullptr)) ==
+               static_cast<float>(std::strtod(b.c_str(), nullptr));
+      case Kind::kSize: {
+        const ImageSize sa = ParseSize(key.option, a), sb = ParseSize(key.option, b);
+        return sa.width == sb.width && sa.height == sb.height;
+      }
+    }
+  } catch (const CliError&) {
+  }
+  return false;
+}
+
+// The option text of a recorded attribute, or "" when its type is not the key's.
+std::string RecordedText(const OIIO::ParamValue& p, Kind kind) {
+  const OIIO::TypeDesc t = p.type();
+  switch (kind) {
+    case Kind::kText: {
+      if (t != OIIO::TypeString) return std::string();
+      const std::string text = p.get_string();
+      for (int f = kFilterBuiltIn; f <= kFilterChoices; ++f) {
+        if (text == FilterName(f)) return kFilterOptions[f - kFilterBuiltIn];
+      }
+      std::string lower = text;
+      for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+      return lower;
+    }
+    case Kind::kNumber:
+      if (t.basevalues() != 1 || (t.basetype != OIIO::TypeDesc::FLOAT &&
+                                  t.basetype != OIIO::TypeDesc::DOUBLE)) {
+        return std::string();
+      }
+      return AsOptionText(Json(t.basetype == OIIO::TypeDesc::DOUBLE
+                                   ? *static_cast<const double*>(p.data())
+                                   : double{*static_cast<const float*>(p.data())}),
+                          Kind::kNumber);
+    case Kind::kSize: {
+      if (t.basevalues() != 2 || t.basetype != OIIO::TypeDesc::INT) return std::string();
+      const int* v = static_cast<const int*>(p.data());
+      return std::to_string(v[0]) + "x" + std::to_string(v[1]);
+    }
+  }
+  return std::string();
+}
+
+// The lens the image at `path` records; nullopt when `path` is no image (a lens file, say).
+// An image that records none is refused.
+std::optional<RecordedLens> RecordedLensOfImage(const std::string& path) {
+  struct stat st {};
+  if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
+  {
+    // A lens file is one JSON object: it begins with '{'.
+    std::ifstream in(path, std::ios::binary);
+    char c = 0;
+    while (in.get(c) && std::isspace(static_cast<unsigned char>(c))) {
+    }
+    if (!in || c == '{') return std::nullopt;
+  }
+  auto image = OIIO::ImageInput::open(path);
+  if (!image) {
+    OIIO::geterror();  // not an image: the lens file reader says what it is
+    return std::nullopt;
+  }
+  std::optional<RecordedLens> recorded = ReadRecordedLens(image->spec(), path);
+  image->close();
+  if (!recorded) {
+    throw IoError(path + ": the image records no lens (the veltrisca: attributes render writes " +
+                  "into OpenEXR files); --lens takes a lens file or such an image");
+  }
+  return recorded;
+}
+
 }  // namespace
 
 std::vector<std::string> MergeLensFile(
     const std::string& path, LensOptionText* lens,
     const std::function<bool(const std::string& option)>& givenOnCommandLine) {
+  if (const std::optional<RecordedLens> recorded = RecordedLensOfImage(path)) {
+    std::vector<std::string> taken;
+    for (const Key& k : kKeys) {
+      if (k.field == &LensOptionText::mode || givenOnCommandLine(k.option)) continue;
+      lens->*k.field = recorded->Value(k.name);
+      taken.push_back(k.name);
+    }
+    return taken;
+  }
   const std::string text = ReadSmallFile(path);
   // The member being read (its key and how often that key came before), to say where a
   // value's fault lies; the first key that comes twice.
@@ -229,12 +329,10 @@ std::vector<std::string> MergeLensFile(
 }
 
 std::string LensFileText(const LensSettings& s, const std::string& comment) {
-  static const char* const kFilters[] = {"builtin", "nearest", "bilinear",
-                                         "lanczos2", "lanczos3", "mitchell"};
   Json file = Json::object();
   if (!comment.empty()) file[kCommentKey] = comment;
   file["mode"] = s.mode == kModeApply ? "apply" : "remove";
-  file["filter"] = (s.filter >= 1 && s.filter <= 6) ? kFilters[s.filter - 1] : "lanczos2";
+  file["filter"] = (s.filter >= 1 && s.filter <= 6) ? kFilterOptions[s.filter - 1] : "lanczos2";
   file["distortion"] = s.distortion;
   file["cubic"] = s.cubic;
   file["quartic"] = s.quartic;
@@ -247,6 +345,149 @@ std::string LensFileText(const LensSettings& s, const std::string& comment) {
     file["undistortedSize"] = Json::array({s.undistortedSize->width, s.undistortedSize->height});
   }
   return file.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+std::vector<std::string> GivenLensKeys(
+    const std::function<bool(const std::string& option)>& givenOnCommandLine,
+    const std::vector<std::string>& taken) {
+  std::vector<std::string> given;
+  for (const Key& k : kKeys) {
+    if (givenOnCommandLine(k.option) || Contains(taken, k.name)) given.push_back(k.name);
+  }
+  return given;
+}
+
+std::string RecordedLens::Value(const std::string& key) const {
+  for (const auto& [name, value] : values) {
+    if (name == key) return value;
+  }
+  return std::string();
+}
+
+std::string RecordedLens::Text() const {
+  std::string text;
+  for (const Key& k : kKeys) {
+    const std::string value = Value(k.name);
+    text += text.empty() ? "" : ", ";
+    text += k.kind == Kind::kText ? value : std::string(k.option + 2) + " " + value;
+  }
+  return text;
+}
+
+std::string RecordedLens::LensFile() const {
+  LensOptionText lens;
+  for (const Key& k : kKeys) lens.*k.field = Value(k.name);
+  return LensFileText(ParseLensOptions(lens), "");
+}
+
+void RecordLens(const LensSettings& settings, const LensSizes& sizes,
+                OIIO::ParamValueList* header) {
+  const auto name = [](const char* key) { return std::string(kRecordPrefix) + key; };
+  const auto number = [&](const char* key, double v) {
+    header->attribute(name(key), OIIO::TypeDesc::DOUBLE, &v);
+  };
+  const auto size = [&](const char* key, ImageSize s) {
+    const int v[2] = {s.width, s.height};
+    header->attribute(name(key), OIIO::TypeDesc(OIIO::TypeDesc::INT, 2), v);
+  };
+  header->attribute(name("mode"), std::string(ModeName(settings.mode)));
+  header->attribute(name("filter"), std::string(FilterName(settings.filter)));
+  number("distortion", settings.distortion);
+  number("cubic", settings.cubic);
+  number("quartic", settings.quartic);
+  number("zoom", settings.zoom);
+  number("pixelAspect", settings.pixelAspect);
+  size("distortedSize", sizes.distorted);
+  size("undistortedSize", sizes.undistorted);
+}
+
+std::optional<RecordedLens> ReadRecordedLens(const OIIO::ImageSpec& spec,
+                                             const std::string& path) {
+  RecordedLens recorded;
+  for (const Key& k : kKeys) {
+    const std::string attribute = kRecordPrefix + std::string(k.name);
+    const OIIO::ParamValue* p = spec.find_attribute(attribute);
+    if (!p) return std::nullopt;
+    const std::string value = RecordedText(*p, k.kind);
+    if (value.empty()) {
+      throw IoError(path + ": " + attribute + " is not " + Expected(k.kind) +
+                    " (the lens it records is damaged)");
+    }
+    try {
+      CheckOptionText(k, value);
+    } catch (const CliError& e) {
+      std::string message = e.what();
+      const std::string prefix = std::string(k.option) + ": ";
+      if (message.rfind(prefix, 0) == 0) message = message.substr(prefix.size());
+      throw IoError(path + ": " + attribute + ": " + message);
+    }
+    recorded.values.emplace_back(k.name, value);
+  }
+  return recorded;
+}
+
+ImageLens LensForImage(const LensOptionText& given, const std::optional<RecordedLens>& recorded,
+                       bool fit) {
+  ImageLens out;
+  out.lens = given;
+  if (!recorded) return out;
+  const auto isGiven = [&given](const char* key) { return Contains(given.given, key); };
+  const int recordedMode = ParseMode(recorded->Value("mode"));
+  const bool removed = recordedMode == kModeRemove;
+  const std::string what = std::string("the input records the lens ") +
+                           (removed ? "removed from its plate" : "applied to it") + " (" +
+                           ModeName(recordedMode) + ", distortion " +
+                           recorded->Value("distortion") + ")";
+  int mode = 0;
+  if (isGiven("mode")) {
+    mode = ParseMode(given.mode);
+  } else if (fit) {
+    mode = kModeRemove;  // --fit sizes a remove
+  } else {
+    mode = removed ? kModeApply : kModeRemove;
+    out.lens.mode = removed ? "apply" : "remove";
+    out.notes.push_back("note: " + what + "; rendering " + ModeName(mode) +
+                        (removed ? " puts it back" : " takes it off") + " (--mode chooses)");
+  }
+  if (mode == recordedMode) {
+    out.notes.push_back("warning: " + what + "; " + (removed ? "removing" : "applying") +
+                        " again uses the lens options given, not the record");
+    return out;
+  }
+  // The size of the image itself (the undistorted size in Apply) is its frame, as for any
+  // image: the record's is the same unless the image was cropped or scaled since.
+  const auto tied = mode == kModeApply ? &LensOptionText::undistortedSize
+                                       : &LensOptionText::distortedSize;
+  for (const Key& k : kKeys) {
+    if (k.field == &LensOptionText::mode) continue;
+    if (fit && k.field == &LensOptionText::undistortedSize) continue;  // --fit chooses it
+    const std::string value = recorded->Value(k.name);
+    if (!isGiven(k.name)) {
+      if (k.field == tied) continue;
+      out.lens.*k.field = value;
+      out.lens.given.push_back(k.name);
+    } else if (!SameValue(k, given.*k.field, value)) {
+      out.notes.push_back("warning: " + std::string(k.option) + " " + given.*k.field +
+                          " overrides the input's recorded " + (k.option + 2) + " " + value);
+    }
+  }
+  return out;
+}
+
+bool RecordMatches(const RecordedLens& recorded, const LensOptionText& lens,
+                   std::string* difference) {
+  for (const Key& k : kKeys) {
+    const bool followsFrame = k.field == &LensOptionText::pixelAspect ||
+                              k.field == &LensOptionText::distortedSize ||
+                              k.field == &LensOptionText::undistortedSize;
+    if (followsFrame && !Contains(lens.given, k.name)) continue;
+    const std::string value = recorded.Value(k.name);
+    if (!SameValue(k, lens.*k.field, value)) {
+      *difference = std::string(k.option + 2) + " " + value + ", not " + lens.*k.field;
+      return false;
+    }
+  }
+  return true;
 }
 
 }  // namespace veltrisca

@@ -6,6 +6,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "AE_Effect.h"
 #include "common/EffectParams.h"
@@ -56,6 +57,9 @@ struct LensOptionText {
   std::string distortedSize;
   std::string undistortedSize;
   std::string file;  // --lens: a lens file for the options not given (cli/LensFile.h)
+  // The keys ("distortion", "pixelAspect", ...) given on the command line or by --lens; the
+  // others hold defaults, which a lens recorded in the input replaces (cli/LensFile.h).
+  std::vector<std::string> given;
 };
 
 struct LensSettings {

@@ -1,17 +1,21 @@
 #include "RenderFrame.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <climits>
 #include <cstdio>
 
 #include "CliError.h"
 #include "Fit.h"
+#include "LensFile.h"
 #include "Memory.h"
 
 namespace veltrisca {
 
 RenderJob MakeRenderJob(const RenderCommand& command, const std::string& plugin) {
   RenderJob job;
+  job.lens = command.lens;
   job.settings = ParseLensOptions(command.lens);
   job.threads = ParseInt("--threads", command.threads, 0, kMaxThreads);
   if (!command.window.empty()) {
@@ -154,7 +158,10 @@ constexpr long long kLargeOutputPixels = 100000000;
 FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& notes,
                     const InputImage& input, const FrameFiles& files) {
   FramePlan plan;
-  plan.settings = job.settings;
+  const ImageLens lens =
+      LensForImage(job.lens, ReadRecordedLens(input.spec, files.input), job.fit);
+  for (const std::string& n : lens.notes) notes(n);
+  plan.settings = ParseLensOptions(lens.lens);
   plan.frame = PlaceInput(plan.settings.mode, input.dataWindow, input.displayWindow);
   if (!plan.settings.pixelAspectGiven) {
     const float fileAspect = input.spec.get_float_attribute("PixelAspectRatio", 0.0f);
@@ -331,18 +338,7 @@ void WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, BufferP
   const LensSettings& settings = plan.settings;
   OIIO::ParamValueList header;
   header.attribute("Software", std::string("veltrisca ") + kToolVersion);
-  header.attribute("veltrisca:mode", std::string(ModeName(settings.mode)));
-  header.attribute("veltrisca:filter", std::string(FilterName(settings.filter)));
-  header.attribute("veltrisca:distortion", static_cast<float>(settings.distortion));
-  header.attribute("veltrisca:cubic", static_cast<float>(settings.cubic));
-  header.attribute("veltrisca:quartic", static_cast<float>(settings.quartic));
-  header.attribute("veltrisca:zoom", static_cast<float>(settings.zoom));
-  header.attribute("veltrisca:pixelAspect", static_cast<float>(settings.pixelAspect));
-  const int distorted[2] = {plan.sizes.distorted.width, plan.sizes.distorted.height};
-  const int undistorted[2] = {plan.sizes.undistorted.width, plan.sizes.undistorted.height};
-  header.attribute("veltrisca:distortedSize", OIIO::TypeDesc(OIIO::TypeDesc::INT, 2), distorted);
-  header.attribute("veltrisca:undistortedSize", OIIO::TypeDesc(OIIO::TypeDesc::INT, 2),
-                   undistorted);
+  RecordLens(settings, plan.sizes, &header);
   std::vector<std::string> written = plan.outPlan.notes;
   WriteOutput(frame.temp->path(), frame.files.output, frame.input, plan.layout, plan.outPlan,
               plan.windows, frame.result, header, job.verbose ? &written : nullptr);
@@ -374,15 +370,35 @@ void WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, BufferP
   }
 }
 
-bool IsReadableImage(const std::string& path) {
-  auto in = OIIO::ImageInput::open(path);
-  if (!in) {
-    OIIO::geterror();  // clear the message this failure left
+bool IsFinishedOutput(const RenderJob& job, const FrameFiles& files, Notes& notes) {
+  struct stat st {};
+  if (lstat(files.output.c_str(), &st) != 0) return false;
+  std::optional<RecordedLens> recorded;
+  try {
+    recorded = ReadRecordedLens(CheckWholeImage(files.output), files.output);
+  } catch (const CliError& e) {
+    notes("note: " + MessageLine(e.what()) + "; rendering it again");
     return false;
   }
-  const bool ok = in->spec().width > 0 && in->spec().height > 0;
-  in->close();
-  return ok;
+  if (!recorded) return true;
+  // The frame's lens: the job's over what its input records (its header only). An input that
+  // cannot say is rendered, which reports why.
+  LensOptionText lens;
+  try {
+    auto in = OIIO::ImageInput::open(files.input);
+    if (!in) {
+      OIIO::geterror();
+      return false;
+    }
+    lens = LensForImage(job.lens, ReadRecordedLens(in->spec(), files.input), job.fit).lens;
+  } catch (const CliError&) {
+    return false;
+  }
+  std::string difference;
+  if (RecordMatches(*recorded, lens, &difference)) return true;
+  notes("note: " + MessageLine(files.output) + " records another lens (" + difference +
+        "); rendering it again");
+  return false;
 }
 
 }  // namespace veltrisca

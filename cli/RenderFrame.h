@@ -29,6 +29,7 @@ namespace veltrisca {
 // What a render command keeps for all its frames: its options, parsed and checked, and the
 // loaded effect.
 struct RenderJob {
+  LensOptionText lens;    // as given (command line, --lens); a frame's recorded lens fills the rest
   LensSettings settings;  // as given; a file's pixel aspect is taken per frame
   int threads = 0;
   std::optional<PF_LRect> window;  // --window
@@ -157,8 +158,10 @@ class FrameRenderer {
 void WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, BufferPool& pool,
                 std::ostream& out);
 
-// True when `path` is an image OpenImageIO can open (render --skip-existing).
-bool IsReadableImage(const std::string& path);
+// render --skip-existing: true when the frame's output is a whole image (CheckWholeImage) and,
+// where it records a lens, the lens the job renders this frame with (RecordMatches). An
+// existing output that is not is noted as rendered again.
+bool IsFinishedOutput(const RenderJob& job, const FrameFiles& files, Notes& notes);
 
 }  // namespace veltrisca
 

@@ -254,7 +254,7 @@ int RenderSelection(RenderJob& job, const FrameSelection& selection,
         stage.files = entry.files;
         stage.error = std::make_exception_ptr(
             IoError(entry.files.input + " is missing from the sequence"));
-      } else if (options.skipExisting && IsReadableImage(entry.files.output)) {
+      } else if (options.skipExisting && IsFinishedOutput(job, entry.files, notes)) {
         stage.files = entry.files;
         stage.skipped = true;
       } else {

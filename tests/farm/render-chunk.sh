@@ -8,7 +8,7 @@
 # LAST is the sequence's last frame, where the final chunk stops. The tool is $VELTRISCA, else
 # veltrisca on the PATH. The task's exit status is the tool's: non-zero when a frame failed,
 # and the other frames of the chunk are rendered all the same. A task run again (scontrol
-# requeue) renders only the frames whose output is missing.
+# requeue) renders only the frames whose output is missing, cut off or of another lens.
 #SBATCH --job-name=veltrisca-render
 #SBATCH --cpus-per-task=1
 set -euo pipefail
