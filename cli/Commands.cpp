@@ -28,23 +28,19 @@ namespace veltrisca {
 int RunInfo(const InfoCommand& command, const std::string& plugin, std::ostream& out) {
   LensSettings settings = ParseLensOptions(command.lens);
   ImageSize layer = ParseSize("--size", command.size);
-  std::optional<ImageSize> other;
+  LensSizes sizes;
   if (!command.image.empty()) {
     // The frame, the overscan and the pixel aspect of an image file, as render reads them.
-    const InputImage image = OpenInputImage(command.image, "");
-    const InputFrame frame = PlaceInput(settings.mode, image.dataWindow, image.displayWindow);
-    layer = frame.frame;
-    other = frame.other;
-    const float fileAspect = image.spec.get_float_attribute("PixelAspectRatio", 0.0f);
-    if (!settings.pixelAspectGiven && fileAspect >= kPixelAspectRange.minimum &&
-        fileAspect <= kPixelAspectRange.maximum) {
-      settings.pixelAspect = fileAspect;
-    }
+    const FileLens lens = PlanFileLens(settings, OpenInputImage(command.image, ""), false);
+    settings = lens.settings;
+    layer = lens.frame.frame;
+    sizes = lens.sizes;
+  } else {
+    sizes = ResolveSizes(settings, layer);
   }
   const PF_LRect request = command.request.empty()
                                ? PF_LRect{0, 0, layer.width, layer.height}
                                : ParseRect("--request", command.request);
-  const LensSizes sizes = ResolveSizes(settings, layer, other);
   const long long pixels = static_cast<long long>(layer.width) * layer.height;
   CheckMemory(WorldBytes(pixels, Depth::k8), AvailableMemoryBytes(),
               "a " + command.size + " input layer");
@@ -60,6 +56,7 @@ int RunInfo(const InfoCommand& command, const std::string& plugin, std::ostream&
   info.back = session.PreRender(request);
   session.Finish();
   info.image = command.image;
+  info.aspect = AspectText(settings, sizes);
   info.fitSize = FitUndistortedSize(settings, sizes.distorted);
   const DefaultWindow distorted =
       ApplyWindow(info.back.lens.pixOffsetX, info.back.lens.pixOffsetY, sizes.distorted);

@@ -1,5 +1,12 @@
 #include "Frames.h"
 
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+#include "CliError.h"
+#include "Fit.h"
+
 namespace veltrisca {
 
 PF_LRect Offset(const PF_LRect& r, int dx, int dy) {
@@ -39,6 +46,58 @@ OutputWindows PlaceOutput(int mode, const PF_LRect& window, const PF_LRect& fram
   }
   return OutputWindows{Offset(window, input.originX, input.originY),
                        Offset(display, input.originX, input.originY)};
+}
+
+FileLens PlanFileLens(const LensSettings& given, const InputImage& image, bool fit) {
+  FileLens lens;
+  lens.settings = given;
+  if (!given.pixelAspectGiven) {
+    const float fileAspect = image.spec.get_float_attribute("PixelAspectRatio", 1.0f);
+    if (!std::isfinite(fileAspect) || fileAspect < kPixelAspectRange.minimum ||
+        fileAspect > kPixelAspectRange.maximum) {
+      throw IoError(image.path + ": its pixel aspect " + std::to_string(fileAspect) +
+                    " is outside the effect's 0.1..10; give --pixel-aspect");
+    }
+    lens.settings.pixelAspect = fileAspect;
+  }
+  lens.frame = PlaceInput(lens.settings.mode, image.dataWindow, image.displayWindow);
+  lens.sizes = ResolveSizes(lens.settings, lens.frame.frame, lens.frame.other);
+  if (fit) lens.sizes.undistorted = FitUndistortedSize(lens.settings, lens.sizes.distorted);
+  return lens;
+}
+
+PF_LRect LayerPixels(const InputImage& image, const InputFrame& frame) {
+  // The widest footprint, Lanczos-3's six taps, spans five pixels beyond a pixel it includes;
+  // a kernel is renormalised over the taps inside the layer, so every tap that reaches a data
+  // pixel must find the layer's black there, not the layer's end.
+  constexpr int kReach = 5;
+  const PF_LRect& d = image.dataWindow;
+  const PF_LRect& f = image.displayWindow;
+  const auto widen = [](A_long edge, int by, A_long limit, bool down) {
+    const long long moved = static_cast<long long>(edge) + (down ? -by : by);
+    return static_cast<A_long>(down ? std::max<long long>(moved, std::min(edge, limit))
+                                    : std::min<long long>(moved, std::max(edge, limit)));
+  };
+  const PF_LRect padded{widen(d.left, kReach, f.left, true), widen(d.top, kReach, f.top, true),
+                        widen(d.right, kReach, f.right, false),
+                        widen(d.bottom, kReach, f.bottom, false)};
+  return Offset(padded, -frame.originX, -frame.originY);
+}
+
+std::string AspectText(const LensSettings& settings, const LensSizes& sizes) {
+  if (settings.pixelAspect == 1.0) return "square pixels: the sizes go to the effect as they are";
+  const LensSizes handed = EffectSizes(settings, sizes);
+  char text[400];
+  std::snprintf(text, sizeof text,
+                "%g: the lens is radial in the desqueezed picture; the output keeps the "
+                "input's squeezed pixels (%dx%d file pixels); the effect gets %dx%d distorted, "
+                "%dx%d undistorted",
+                settings.pixelAspect,
+                settings.mode == kModeApply ? sizes.distorted.width : sizes.undistorted.width,
+                settings.mode == kModeApply ? sizes.distorted.height : sizes.undistorted.height,
+                handed.distorted.width, handed.distorted.height, handed.undistorted.width,
+                handed.undistorted.height);
+  return text;
 }
 
 }  // namespace veltrisca

@@ -13,9 +13,12 @@
 
 #include <optional>
 
+#include <string>
+
 #include "AE_Effect.h"
-#include "common/Rect.h"
+#include "ImageIO.h"
 #include "Options.h"
+#include "common/Rect.h"
 
 namespace veltrisca {
 
@@ -37,6 +40,26 @@ OutputWindows PlaceOutput(int mode, const PF_LRect& window, const PF_LRect& fram
                           const LensSizes& sizes, const InputFrame& input);
 
 PF_LRect Offset(const PF_LRect& r, int dx, int dy);
+
+// The user's lens set on one file, as info, render and stmap --like all read it: the pixel
+// aspect (--pixel-aspect, else the file's PixelAspectRatio, else 1; one outside the effect's
+// 0.1..10 is refused, CliError(kExitIo)), the lens frame in the file and the two sizes in the
+// file's own pixels (--fit chooses the undistorted one). ToParamValues hands them to the
+// effect.
+struct FileLens {
+  LensSettings settings;
+  InputFrame frame;
+  LensSizes sizes;
+};
+FileLens PlanFileLens(const LensSettings& given, const InputImage& image, bool fit);
+
+// The pixels of the input layer: the data window, widened by the reach of the widest filter
+// into transparent black up to the display window, so that a footprint across the data
+// window's edge blends with the black outside it as on a full frame. Layer coordinates.
+PF_LRect LayerPixels(const InputImage& image, const InputFrame& frame);
+
+// One line for info: what the tool does with a pixel aspect other than 1.
+std::string AspectText(const LensSettings& settings, const LensSizes& sizes);
 
 }  // namespace veltrisca
 

@@ -52,6 +52,7 @@ void WriteInfoJson(std::ostream& out, const InfoResult& info, bool withTable) {
   j.Rect("resultRect", r.output.result_rect);
   j.Rect("maxResultRectReported", r.output.max_result_rect);
   if (!info.image.empty()) j.String("image", info.image);
+  j.String("pixelAspectHandling", info.aspect);
   j.IntPair("fitUndistortedSize", info.fitSize.width, info.fitSize.height);
   j.Double("beyondInvertible", info.beyondInvertible);
   j.End();
@@ -131,6 +132,7 @@ void WriteInfoText(std::ostream& out, const InfoResult& info) {
   out << "  result_rect        " << RectLine(r.output.result_rect) << "\n";
   out << "  max_result_rect    " << RectLine(r.output.max_result_rect) << "\n\n";
   if (!info.image.empty()) out << "Image                " << info.image << "\n";
+  out << "Pixel aspect         " << info.aspect << "\n";
   out << "Overscan (--fit)     undistorted size " << info.fitSize.width << " x "
       << info.fitSize.height
       << (info.beyondInvertible > 0 ? " holds every part of the distorted frame the lens undoes\n"

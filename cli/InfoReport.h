@@ -16,6 +16,7 @@ struct InfoResult {
   ImageSize layer;         // the input layer's size
   PreRenderReadBack back;  // lens record and pre-render report
   std::string image;       // the image file the layer was read from, or empty
+  std::string aspect;      // what the tool does with the pixel aspect (AspectText)
   ImageSize fitSize;       // the undistorted size render --fit would choose
   double beyondInvertible = 0;  // share of the distorted frame beyond what the lens inverts
 };
@@ -23,7 +24,7 @@ struct InfoResult {
 // Every field of the lens record by name (the kernel pointers, which only a render sets, are
 // left out; the inverse table only when withTable), then request, inputRequest,
 // inputRequestField, hostSupplied, resultRect and maxResultRectReported, then image (when
-// given), fitUndistortedSize and beyondInvertible.
+// given), pixelAspectHandling, fitUndistortedSize and beyondInvertible.
 void WriteInfoJson(std::ostream& out, const InfoResult& info, bool withTable);
 void WriteInfoText(std::ostream& out, const InfoResult& info);
 

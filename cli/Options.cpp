@@ -186,11 +186,36 @@ hostsim::ParamValues ToParamValues(const LensSettings& settings, const LensSizes
   p.quartic = settings.quartic;
   p.zoom = settings.zoom;
   p.pixelAspect = settings.pixelAspect;
-  p.distortedWidth = sizes.distorted.width;
-  p.distortedHeight = sizes.distorted.height;
-  p.undistortedWidth = sizes.undistorted.width;
-  p.undistortedHeight = sizes.undistorted.height;
+  const LensSizes handed = EffectSizes(settings, sizes);
+  p.distortedWidth = handed.distorted.width;
+  p.distortedHeight = handed.distorted.height;
+  p.undistortedWidth = handed.undistorted.width;
+  p.undistortedHeight = handed.undistorted.height;
   return p;
+}
+
+LensSizes EffectSizes(const LensSettings& settings, const LensSizes& sizes) {
+  const double pa = settings.pixelAspect;
+  if (pa == 1.0) return sizes;
+  LensSizes handed = sizes;
+  if (settings.mode == kModeApply) {
+    // Equal sizes make the effect measure its input and output pixels as pa wide; only that
+    // equality test reads the distorted size in Apply.
+    handed.distorted = sizes.undistorted;
+    return handed;
+  }
+  // Remove with unequal sizes measures input and output pixels as pa wide and makes the frame
+  // Wu / pa output pixels wide: Wu is the undistorted width in square units.
+  const long long wide = std::llround(pa * sizes.undistorted.width);
+  int wu = static_cast<int>(std::clamp<long long>(wide, 1, kMaxImageSide));
+  if (wu == sizes.distorted.width && sizes.undistorted.height == sizes.distorted.height) {
+    // Equal sizes would make the effect count the aspect twice; one square unit more or less
+    // leaves the mapping alone (it depends on the height only) and moves the frame's edges by
+    // at most half a pixel.
+    wu += (pa * sizes.undistorted.width >= wu && wu < kMaxImageSide) || wu == 1 ? 1 : -1;
+  }
+  handed.undistorted.width = wu;
+  return handed;
 }
 
 DefaultWindow RemoveWindow(const PF_LRect& maxResultRect, const LensSizes& sizes) {

@@ -84,7 +84,16 @@ struct LensSizes {
 LensSizes ResolveSizes(const LensSettings& settings, ImageSize layer,
                        std::optional<ImageSize> other = std::nullopt);
 
+// The user's lens onto the effect's parameters. `sizes` are in the files' own pixels, whose
+// width over height is settings.pixelAspect; the lens is radial in the desqueezed picture, its
+// unit half the undistorted height. With a pixel aspect other than 1 the sizes handed to the
+// effect differ from the files' (EffectSizes): Remove hands the undistorted width in square
+// units (pixel aspect x the file's width), so that the undistorted frame keeps the plate's
+// squeezed pixels and is as many file pixels wide as asked; Apply hands the undistorted size
+// as the distorted one too, which makes the effect take both sides' pixels as pixel-aspect
+// wide. With a pixel aspect of 1 the sizes are handed as they are.
 hostsim::ParamValues ToParamValues(const LensSettings& settings, const LensSizes& sizes);
+LensSizes EffectSizes(const LensSettings& settings, const LensSizes& sizes);
 
 // The output rectangle rendered when --window is not given.
 struct DefaultWindow {

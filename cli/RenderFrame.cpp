@@ -128,24 +128,16 @@ constexpr long long kLargeOutputPixels = 100000000;
 FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& notes,
                     const InputImage& input, const FrameFiles& files) {
   FramePlan plan;
-  plan.settings = job.settings;
-  plan.frame = PlaceInput(plan.settings.mode, input.dataWindow, input.displayWindow);
-  if (!plan.settings.pixelAspectGiven) {
-    const float fileAspect = input.spec.get_float_attribute("PixelAspectRatio", 0.0f);
-    if (fileAspect > 0.0f && fileAspect != 1.0f) {
-      if (fileAspect < kPixelAspectRange.minimum || fileAspect > kPixelAspectRange.maximum) {
-        throw IoError(files.input + ": its pixel aspect " + std::to_string(fileAspect) +
-                      " is outside the effect's 0.1..10; give --pixel-aspect");
-      }
-      plan.settings.pixelAspect = fileAspect;
-    }
-  }
+  const FileLens lens = PlanFileLens(job.settings, input, job.fit);
+  plan.settings = lens.settings;
+  plan.frame = lens.frame;
+  plan.sizes = lens.sizes;
   plan.layout = ChooseOutputLayout(input, job.addAlpha);
   plan.outPlan = PlanOutput(files.output, input, plan.layout, job.output);
-  plan.sizes = ResolveSizes(plan.settings, plan.frame.frame, plan.frame.other);
-  plan.layerRect = Offset(input.dataWindow, -plan.frame.originX, -plan.frame.originY);
+  plan.dataRect = Offset(input.dataWindow, -plan.frame.originX, -plan.frame.originY);
+  plan.layerRect = LayerPixels(input, plan.frame);
   const long long layerPixels = CheckedPixels(plan.layerRect, input.depth, "the input layer");
-  if (job.fit) plan.sizes.undistorted = FitUndistortedSize(plan.settings, plan.sizes.distorted);
+  const long long dataPixels = RectArea(plan.dataRect);
   plan.params = ToParamValues(plan.settings, plan.sizes);
 
   const auto [back, outFrame] =
@@ -163,7 +155,7 @@ FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& no
   // Input file buffer, one pass's input layer and the host's copy of it, output world and
   // output file buffer, all at once at worst; a sequence holds one more input and output
   // buffer (the next frame read, the last one written).
-  const uint64_t inputBuffer = FileBufferBytes(layerPixels, input.channels, input.depth);
+  const uint64_t inputBuffer = FileBufferBytes(dataPixels, input.channels, input.depth);
   const uint64_t outputBuffer = FileBufferBytes(windowPixels, plan.layout.channels, input.depth);
   const uint64_t need = (job.pipelined ? 2 : 1) * (inputBuffer + outputBuffer) +
                         2 * WorldBytes(layerPixels, input.depth) +
@@ -248,9 +240,9 @@ ReadFrame ReadFrameFiles(const RenderJob& job, OutputFramePlanner& planner, Note
   frame.input = OpenInputImage(files.input, job.alpha);
   frame.plan = PlanFrame(job, planner, notes, frame.input, files);
   frame.temp = std::make_unique<TempOutputFile>(files.output);
-  const long long layerPixels = RectArea(frame.plan.layerRect);
+  const long long dataPixels = RectArea(frame.plan.dataRect);
   frame.pixels = ReadPixels(
-      frame.input, pool.Take(FileBufferBytes(layerPixels, frame.input.channels, frame.input.depth)));
+      frame.input, pool.Take(FileBufferBytes(dataPixels, frame.input.channels, frame.input.depth)));
   if (IsKernelFilter(frame.plan.settings.filter) &&
       HasNegativeColour(frame.input, frame.pixels)) {
     notes("warning: the input holds negative values, which the " +
@@ -276,8 +268,8 @@ RenderedFrame FrameRenderer::Render(ReadFrame frame, Notes& notes, BufferPool& p
       pool.Take(FileBufferBytes(RectArea(plan.window), plan.layout.channels, frame.input.depth)));
   out.passes = PassCount(frame.input);
   for (int pass = 0; pass < out.passes; ++pass) {
-    layer_ = PassLayer(frame.input, frame.pixels, pass, plan.layerRect.left, plan.layerRect.top,
-                       std::move(layer_));
+    layer_ = PassLayer(frame.input, frame.pixels, pass, plan.dataRect.left, plan.dataRect.top,
+                       plan.layerRect, std::move(layer_));
     session_->SetInputLayer(layer_.get());
     session_->PreRender(plan.window);
     output_ = session_->Render(std::move(output_));

@@ -72,7 +72,8 @@ struct FramePlan {
   InputFrame frame;
   OutputLayout layout;
   OutputPlan outPlan;
-  PF_LRect layerRect{};  // the data window in layer pixels
+  PF_LRect dataRect{};   // the data window in layer pixels
+  PF_LRect layerRect{};  // the input layer: the data window and a black margin (LayerPixels)
   PF_LRect window{};     // the output rectangle rendered, layer pixels
   OutputWindows windows;
   hostsim::ParamValues params;
