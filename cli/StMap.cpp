@@ -143,9 +143,12 @@ int RunStMap(const StMapCommand& command, const std::string& plugin, std::ostrea
   ImageSize layer;
   LensSizes sizes;
   std::optional<InputFrame> likeFrame;  // where the lens frame lies in the --like image
+  PF_LRect likeDisplay{};
   if (!command.like.empty()) {
     // The lens set on the image exactly as render sets it (cli/Frames.h).
-    const FileLens lens = PlanFileLens(first, OpenInputImage(command.like, "none"), false);
+    const InputImage like = OpenInputImage(command.like, "none");
+    likeDisplay = like.displayWindow;
+    const FileLens lens = PlanFileLens(first, like, false);
     settings.pixelAspect = lens.settings.pixelAspect;
     layer = lens.frame.frame;
     sizes = lens.sizes;
@@ -199,10 +202,19 @@ int RunStMap(const StMapCommand& command, const std::string& plugin, std::ostrea
   for (size_t m = 0; m < directions.size(); ++m) {
     const Direction& d = directions[m];
     const std::vector<float> xy = MapWindow(d.lens, window);
+    // s and t span the input's frame: the layer, or with --like the image's display window
+    // (which in Apply on overscan is not the layer), as ST map readers take them.
+    float dx = 0, dy = 0;
+    ImageSize st = d.input;
+    if (likeFrame && m == 0) {
+      dx = static_cast<float>(likeFrame->originX - likeDisplay.left);
+      dy = static_cast<float>(likeFrame->originY - likeDisplay.top);
+      st = ImageSize{likeDisplay.right - likeDisplay.left, likeDisplay.bottom - likeDisplay.top};
+    }
     for (size_t i = 0; i < pixels; ++i) {
       float* px = &pixelsOut[i * channels];
-      const float s = SCoordinate(xy[2 * i], d.input.width);
-      const float t = TCoordinate(xy[2 * i + 1], d.input.height);
+      const float s = SCoordinate(xy[2 * i] + dx, st.width);
+      const float t = TCoordinate(xy[2 * i + 1] + dy, st.height);
       const float a = d.covered[i] ? 1.0f : 0.0f;
       if (!command.both) {
         px[0] = s;
