@@ -67,21 +67,14 @@ FileLens PlanFileLens(const LensSettings& given, const InputImage& image, bool f
 }
 
 PF_LRect LayerPixels(const InputImage& image, const InputFrame& frame) {
-  // The widest footprint, Lanczos-3's six taps, spans five pixels beyond a pixel it includes;
-  // a kernel is renormalised over the taps inside the layer, so every tap that reaches a data
-  // pixel must find the layer's black there, not the layer's end.
-  constexpr int kReach = 5;
+  // The whole union, not a margin of the filters' reach: the effect samples the part of the
+  // layer it checks out, and positions are taken relative to that buffer's origin, so only the
+  // same buffer as the full frame's gives the same result to the last bit.
   const PF_LRect& d = image.dataWindow;
   const PF_LRect& f = image.displayWindow;
-  const auto widen = [](A_long edge, int by, A_long limit, bool down) {
-    const long long moved = static_cast<long long>(edge) + (down ? -by : by);
-    return static_cast<A_long>(down ? std::max<long long>(moved, std::min(edge, limit))
-                                    : std::min<long long>(moved, std::max(edge, limit)));
-  };
-  const PF_LRect padded{widen(d.left, kReach, f.left, true), widen(d.top, kReach, f.top, true),
-                        widen(d.right, kReach, f.right, false),
-                        widen(d.bottom, kReach, f.bottom, false)};
-  return Offset(padded, -frame.originX, -frame.originY);
+  const PF_LRect both{std::min(d.left, f.left), std::min(d.top, f.top),
+                      std::max(d.right, f.right), std::max(d.bottom, f.bottom)};
+  return Offset(both, -frame.originX, -frame.originY);
 }
 
 std::string AspectText(const LensSettings& settings, const LensSizes& sizes) {

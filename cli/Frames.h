@@ -53,9 +53,9 @@ struct FileLens {
 };
 FileLens PlanFileLens(const LensSettings& given, const InputImage& image, bool fit);
 
-// The pixels of the input layer: the data window, widened by the reach of the widest filter
-// into transparent black up to the display window, so that a footprint across the data
-// window's edge blends with the black outside it as on a full frame. Layer coordinates.
+// The pixels of the input layer: the data window and the display window around it, transparent
+// black where the file holds no pixels, so that a footprint across the data window's edge
+// blends with the black outside it exactly as on a full frame. Layer coordinates.
 PF_LRect LayerPixels(const InputImage& image, const InputFrame& frame);
 
 // One line for info: what the tool does with a pixel aspect other than 1.
