@@ -244,6 +244,9 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
                         "the alpha channel by name, or none (default: the file's alpha, or a "
                         "channel named A or alpha); every other channel is rendered as colour")
       ->type_name("NAME");
+  renderApp->add_flag("--desqueeze", render.desqueeze,
+                      "remove of an anamorphic plate: resample the result to square pixels "
+                      "(default: keep the plate's pixel aspect)");
   renderApp->add_flag("--add-alpha", render.addAlpha,
                       "write an alpha channel A (the effect's coverage) when the input has none");
   renderApp->add_option("-d", render.dataType,

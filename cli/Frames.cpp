@@ -13,6 +13,13 @@ PF_LRect Offset(const PF_LRect& r, int dx, int dy) {
   return PF_LRect{r.left + dx, r.top + dy, r.right + dx, r.bottom + dy};
 }
 
+PF_LRect StretchX(const PF_LRect& r, double factor) {
+  const auto scaled = [factor](A_long x) {
+    return static_cast<A_long>(std::clamp<double>(std::round(x * factor), INT32_MIN, INT32_MAX));
+  };
+  return PF_LRect{scaled(r.left), r.top, scaled(r.right), r.bottom};
+}
+
 namespace {
 
 ImageSize SizeOf(const PF_LRect& r) { return ImageSize{r.right - r.left, r.bottom - r.top}; }

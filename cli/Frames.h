@@ -40,6 +40,8 @@ OutputWindows PlaceOutput(int mode, const PF_LRect& window, const PF_LRect& fram
                           const LensSizes& sizes, const InputFrame& input);
 
 PF_LRect Offset(const PF_LRect& r, int dx, int dy);
+// A rectangle's left and right edges times `factor`, rounded (render --desqueeze).
+PF_LRect StretchX(const PF_LRect& r, double factor);
 
 // The user's lens set on one file, as info, render and stmap --like all read it: the pixel
 // aspect (--pixel-aspect, else the file's PixelAspectRatio, else 1; one outside the effect's

@@ -1,6 +1,8 @@
 #include "ImageIO.h"
 
 #include <OpenImageIO/filesystem.h>
+#include <OpenImageIO/imagebuf.h>
+#include <OpenImageIO/imagebufalgo.h>
 #include <sys/stat.h>
 #include <zlib.h>
 
@@ -419,6 +421,24 @@ std::unique_ptr<World> PassLayer(const InputImage& image, const PixelBuffer& px,
     }
   });
   return layer;
+}
+
+PixelBuffer StretchWidth(const PixelBuffer& px, int width) {
+  const OIIO::TypeDesc type = BufferTypeOf(px.depth);
+  const OIIO::ImageSpec from(px.width, px.height, px.channels, type);
+  const OIIO::ImageBuf source(from, const_cast<uint8_t*>(px.bytes.data()));
+  OIIO::ImageBuf stretched(OIIO::ImageSpec(width, px.height, px.channels, type));
+  if (!OIIO::ImageBufAlgo::resize(stretched, source)) {
+    throw IoError("cannot desqueeze the result: " + stretched.geterror());
+  }
+  PixelBuffer out;
+  out.width = width;
+  out.height = px.height;
+  out.channels = px.channels;
+  out.depth = px.depth;
+  out.bytes.resize(static_cast<size_t>(width) * px.height * px.channels * type.size());
+  stretched.get_pixels(OIIO::ROI::All(), type, out.bytes.data());
+  return out;
 }
 
 OutputLayout ChooseOutputLayout(const InputImage& input, bool addAlpha) {

@@ -99,6 +99,10 @@ OutputLayout ChooseOutputLayout(const InputImage& input, bool addAlpha);
 // type, in `storage` when given.
 PixelBuffer NewOutputBuffer(const InputImage& input, const OutputLayout& layout,
                             const PF_LRect& window, std::vector<uint8_t> storage = {});
+// The buffer resampled to `width` columns (OpenImageIO's resize and its default filter for the
+// scale), its rows unchanged: render --desqueeze.
+PixelBuffer StretchWidth(const PixelBuffer& pixels, int width);
+
 // Copies the channels of one pass from `rendered` (placed in the layer at its origin; may be
 // null) into the output buffer covering `window`; the alpha slot is taken from pass 0.
 void StorePass(const InputImage& input, const OutputLayout& layout, int pass,

@@ -24,7 +24,13 @@ RenderJob MakeRenderJob(const RenderCommand& command, const std::string& plugin)
   if (command.fit && job.settings.undistortedSize) {
     throw UsageError("--fit and --undistorted-size both choose the undistorted size; give one");
   }
+  if (command.desqueeze && job.settings.mode != kModeRemove) {
+    throw UsageError("--desqueeze resamples a remove's result to square pixels; to apply a "
+                     "lens to a square-pixel image, squeeze it to the plate's pixel aspect first "
+                     "(oiiotool --resize)");
+  }
   job.fit = command.fit;
+  job.desqueeze = command.desqueeze;
   job.alpha = command.alpha;
   job.addAlpha = command.addAlpha;
   job.output = OutputChoice{command.dataType, command.compression};
@@ -151,12 +157,21 @@ FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& no
   const long long windowPixels = CheckedPixels(plan.window, input.depth, "the output window");
   plan.windows =
       PlaceOutput(plan.settings.mode, plan.window, outFrame.rect, plan.sizes, plan.frame);
+  if (job.desqueeze && plan.settings.pixelAspect != 1.0) {
+    plan.stretch = plan.settings.pixelAspect;
+    plan.windows = OutputWindows{StretchX(plan.windows.data, plan.stretch),
+                                 StretchX(plan.windows.display, plan.stretch)};
+  }
+  const long long writtenPixels = RectArea(plan.windows.data);
 
   // Input file buffer, one pass's input layer and the host's copy of it, output world and
   // output file buffer, all at once at worst; a sequence holds one more input and output
   // buffer (the next frame read, the last one written).
   const uint64_t inputBuffer = FileBufferBytes(dataPixels, input.channels, input.depth);
-  const uint64_t outputBuffer = FileBufferBytes(windowPixels, plan.layout.channels, input.depth);
+  // (Desqueezed: the rendered buffer and the resampled one, at once.)
+  const uint64_t outputBuffer =
+      FileBufferBytes(windowPixels + (plan.stretch != 1 ? writtenPixels : 0), plan.layout.channels,
+                      input.depth);
   const uint64_t need = (job.pipelined ? 2 : 1) * (inputBuffer + outputBuffer) +
                         2 * WorldBytes(layerPixels, input.depth) +
                         WorldBytes(windowPixels, input.depth);
@@ -281,6 +296,10 @@ RenderedFrame FrameRenderer::Render(ReadFrame frame, Notes& notes, BufferPool& p
   }
   session_->SetInputLayer(nullptr);
   session_->SetRowProgress(nullptr);
+  if (plan.stretch != 1) {
+    const PF_LRect& d = plan.windows.data;
+    out.result = StretchWidth(out.result, d.right - d.left);
+  }
   pool.Give(std::move(frame.pixels.bytes));
   out.files = std::move(frame.files);
   out.started = frame.started;
@@ -308,6 +327,10 @@ void WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, BufferP
   header.attribute("veltrisca:quartic", static_cast<float>(settings.quartic));
   header.attribute("veltrisca:zoom", static_cast<float>(settings.zoom));
   header.attribute("veltrisca:pixelAspect", static_cast<float>(settings.pixelAspect));
+  if (plan.stretch != 1) {
+    header.attribute("PixelAspectRatio", 1.0f);
+    header.attribute("veltrisca:desqueezed", 1);
+  }
   const int distorted[2] = {plan.sizes.distorted.width, plan.sizes.distorted.height};
   const int undistorted[2] = {plan.sizes.undistorted.width, plan.sizes.undistorted.height};
   header.attribute("veltrisca:distortedSize", OIIO::TypeDesc(OIIO::TypeDesc::INT, 2), distorted);

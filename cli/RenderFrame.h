@@ -33,6 +33,7 @@ struct RenderJob {
   int threads = 0;
   std::optional<PF_LRect> window;  // --window
   bool fit = false;
+  bool desqueeze = false;
   std::string alpha;
   bool addAlpha = false;
   OutputChoice output;
@@ -77,6 +78,7 @@ struct FramePlan {
   PF_LRect window{};     // the output rectangle rendered, layer pixels
   OutputWindows windows;
   hostsim::ParamValues params;
+  double stretch = 1;  // --desqueeze: the result's width is resampled by this factor
 };
 
 // The effect's output frame and lens centre for a set of parameters, from a pre-render on a

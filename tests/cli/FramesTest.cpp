@@ -56,24 +56,27 @@ std::array<int, 8> Windows(const OIIO::ImageSpec& s) {
 }
 
 // A 2:1 plate, and the same pixels taken as square: Remove undoes the lens radially in the
-// desqueezed picture (unit half the undistorted height), keeping the plate's pixels, and
-// Apply puts it back onto the plate's frame as well as for square pixels.
+// desqueezed picture (unit half the undistorted height), keeping the plate's pixels (or
+// resampled to square ones with --desqueeze), and Apply puts it back onto the plate's frame as
+// well as for square pixels.
 TEST(Frames, AnamorphicPlateIsRadialWhenDesqueezedAndRoundTripsLikeASquareOne) {
   ScratchDir dir;
   const double k2 = -0.03;
   double roundTrip[2] = {0, 0};
-  for (const float pa : {1.0f, 2.0f}) {
-    SCOPED_TRACE(pa);
+  for (const auto& [pa, desqueeze] : {std::pair{1.0f, false}, {2.0f, false}, {2.0f, true}}) {
+    SCOPED_TRACE(std::to_string(pa) + (desqueeze ? " desqueezed" : ""));
     const int width = 80, height = 90, uw = 84, uh = 98;
+    const int po = desqueeze ? 1 : static_cast<int>(pa);  // the output's pixel aspect
+    const int wide = static_cast<int>(pa) / po;            // output pixels per plate pixel
     const std::string plate = dir / "plate.exr", u = dir / "u.exr", back = dir / "back.exr";
     WritePlate(plate, width, height, pa, {0, 0, width, height}, 2.0);
     const std::string size = std::to_string(uw) + "x" + std::to_string(uh);
     RunOk({"render", plate, u, "--distortion", "-30", "--filter", "bilinear",
-           "--undistorted-size", size});
+           "--undistorted-size", size, desqueeze ? "--desqueeze" : "-q"});
     const Image out = ReadImage(u);
-    EXPECT_EQ(Windows(out.spec),
-              (std::array{-(uw - width) / 2, -4, uw, uh, 0, 0, width, height}));
-    EXPECT_EQ(out.spec.get_float_attribute("PixelAspectRatio", 1.0f), pa);
+    EXPECT_EQ(Windows(out.spec), (std::array{-(uw - width) / 2 * wide, -4, uw * wide, uh, 0, 0,
+                                             width * wide, height}));
+    EXPECT_EQ(out.spec.get_float_attribute("PixelAspectRatio", 1.0f), float(po));
     EXPECT_EQ(out.spec.get_float_attribute("veltrisca:pixelAspect"), pa);
     const int* recorded = static_cast<const int*>(
         out.spec.find_attribute("veltrisca:undistortedSize")->data());
@@ -84,7 +87,10 @@ TEST(Frames, AnamorphicPlateIsRadialWhenDesqueezedAndRoundTripsLikeASquareOne) {
     std::vector<bool> inside(expected.pixels.size() / expected.channels);
     for (int y = 0; y < out.height; ++y) {
       for (int x = 0; x < out.width; ++x) {
-        const double mx = (x + out.spec.x - width / 2.0) * pa / (uh / 2.0);
+        // (Desqueezed pixel centres lie 1/wide plate pixels apart; a plate pixel's index is
+        // its lens position, half a pixel left of its centre.)
+        const double plateX = (x + out.spec.x + 0.5) / wide - 0.5;
+        const double mx = (plateX - width / 2.0) * pa / (uh / 2.0);
         const double my = (y + out.spec.y - height / 2.0) / (uh / 2.0);
         const double f = 1 + k2 * (mx * mx + my * my);
         const double px = mx * f * uh / 2.0, py = my * f * uh / 2.0;  // desqueezed
@@ -99,7 +105,8 @@ TEST(Frames, AnamorphicPlateIsRadialWhenDesqueezedAndRoundTripsLikeASquareOne) {
                    [&](int x, int y) {
                      return inside[size_t(y - out.spec.y) * out.width + (x - out.spec.x)];
                    }),
-              40.0);
+              desqueeze ? 42.0 : 50.0);
+    if (desqueeze) continue;
     // --fit, then the lens put back with explicit options (the overscan data window is the
     // undistorted frame).
     RunOk({"render", plate, u, "--distortion", "-30", "--filter", "bilinear", "--fit"});
