@@ -205,8 +205,14 @@ std::pair<PreRenderReadBack, DefaultWindow> OutputFramePlanner::Get(
     const hostsim::ParamValues& params, const LensSettings& settings, const LensSizes& sizes,
     ImageSize frame) {
   std::lock_guard<std::mutex> lock(mutex_);
-  for (const auto& [known, result] : known_) {
-    if (SameParams(known, params)) return result;
+  const auto same = [](ImageSize a, ImageSize b) {
+    return a.width == b.width && a.height == b.height;
+  };
+  for (const Known& k : known_) {
+    if (SameParams(k.params, params) && same(k.sizes.distorted, sizes.distorted) &&
+        same(k.sizes.undistorted, sizes.undistorted)) {
+      return k.result;
+    }
   }
   EffectSession plan(*job_.module, params, job_.threads);
   plan.OverrideSuppliedRect(PF_LRect{0, 0, 0, 0});
@@ -220,8 +226,8 @@ std::pair<PreRenderReadBack, DefaultWindow> OutputFramePlanner::Get(
     throw EffectError("the effect's output frame " + RectText(back.lens.maxResultRect) +
                       " is empty; nothing to render");
   }
-  known_.emplace_back(params, std::make_pair(back, outFrame));
-  return known_.back().second;
+  known_.push_back(Known{params, sizes, std::make_pair(back, outFrame)});
+  return known_.back().result;
 }
 
 std::vector<uint8_t> BufferPool::Take(size_t bytes) {

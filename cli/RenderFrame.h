@@ -93,7 +93,14 @@ class OutputFramePlanner {
  private:
   const RenderJob& job_;
   std::mutex mutex_;
-  std::vector<std::pair<hostsim::ParamValues, std::pair<PreRenderReadBack, DefaultWindow>>> known_;
+  // Keyed by the parameters and the files' sizes: the window is in the files' sizes, which
+  // the parameters do not always hold (an anamorphic apply hands the effect one size).
+  struct Known {
+    hostsim::ParamValues params;
+    LensSizes sizes;
+    std::pair<PreRenderReadBack, DefaultWindow> result;
+  };
+  std::vector<Known> known_;
 };
 
 using Clock = std::chrono::steady_clock;
