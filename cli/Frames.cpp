@@ -59,9 +59,10 @@ FileLens PlanFileLens(const LensSettings& given, const InputImage& image, bool f
   FileLens lens;
   lens.settings = given;
   if (!given.pixelAspectGiven) {
-    const float fileAspect = image.spec.get_float_attribute("PixelAspectRatio", 1.0f);
-    if (!std::isfinite(fileAspect) || fileAspect < kPixelAspectRange.minimum ||
-        fileAspect > kPixelAspectRange.maximum) {
+    // 0 (or a value that is no number) is how some writers say "not recorded": square.
+    float fileAspect = image.spec.get_float_attribute("PixelAspectRatio", 1.0f);
+    if (!(fileAspect > 0.0f) || std::isinf(fileAspect)) fileAspect = 1.0f;
+    if (fileAspect < kPixelAspectRange.minimum || fileAspect > kPixelAspectRange.maximum) {
       throw IoError(image.path + ": its pixel aspect " + std::to_string(fileAspect) +
                     " is outside the effect's 0.1..10; give --pixel-aspect");
     }

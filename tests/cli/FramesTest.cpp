@@ -124,6 +124,33 @@ TEST(Frames, AnamorphicPlateIsRadialWhenDesqueezedAndRoundTripsLikeASquareOne) {
   EXPECT_GE(roundTrip[1], roundTrip[0] - 3.0) << "square " << roundTrip[0];
 }
 
+// info, render and stmap --like read a file's pixel aspect alike: taken when inside the
+// effect's range, refused by all three beyond it.
+TEST(Frames, EveryCommandReadsThePixelAspectAlike) {
+  ScratchDir dir;
+  for (const float pa : {1.5f, 20.0f, 0.05f}) {
+    SCOPED_TRACE(pa);
+    OIIO::ImageSpec spec(16, 12, 3, OIIO::TypeDesc::FLOAT);
+    spec.attribute("PixelAspectRatio", pa);
+    const std::vector<float> px(16 * 12 * 3, 0.5f);
+    WriteSpec(dir / "p.exr", spec, OIIO::TypeDesc::FLOAT, px.data());
+    const Args commands[] = {{"info", dir / "p.exr", "--json"},
+                             {"render", dir / "p.exr", dir / "o.exr"},
+                             {"stmap", dir / "m.exr", "--like", dir / "p.exr"}};
+    for (const Args& command : commands) {
+      const RunResult r = RunTool(command);
+      if (pa == 1.5f) {
+        EXPECT_EQ(r.exitCode, 0) << command[0] << r.err;
+      } else {
+        ExpectRefusal(r, 2, "pixel aspect", command[0]);
+      }
+    }
+    if (pa == 1.5f) {
+      EXPECT_EQ(Json::parse(RunOk(commands[0]).out)["pixelAspect"], 1.5);
+    }
+  }
+}
+
 // Formats without windows hold the output frame at 0,0 in every mode, also the apply back from
 // a larger undistorted image.
 TEST(Frames, FormatsWithoutWindowsHoldTheFrameAtTheOrigin) {
