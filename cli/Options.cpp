@@ -206,25 +206,49 @@ LensSizes EffectSizes(const LensSettings& settings, const LensSizes& sizes) {
   }
   // Remove with unequal sizes measures input and output pixels as pa wide and makes the frame
   // Wu / pa output pixels wide: Wu is the undistorted width in square units.
-  const long long wide = std::llround(pa * sizes.undistorted.width);
-  int wu = static_cast<int>(std::clamp<long long>(wide, 1, kMaxImageSide));
+  const long long wide =
+      static_cast<long long>(std::ceil(pa * sizes.undistorted.width - 1e-9));
+  if (wide > kMaxImageSide) {
+    throw IoError("the undistorted width of " + std::to_string(sizes.undistorted.width) +
+                  " pixels at pixel aspect " + NumberText(pa) + " is " + std::to_string(wide) +
+                  " square pixels, more than the " + std::to_string(kMaxImageSide) +
+                  " the effect's size parameters hold; give a smaller --undistorted-size");
+  }
+  // Rounded up, so that the effect's frame holds the window RemoveWindow chooses.
+  int wu = static_cast<int>(std::max(1LL, wide));
   if (wu == sizes.distorted.width && sizes.undistorted.height == sizes.distorted.height) {
-    // Equal sizes would make the effect count the aspect twice; one square unit more or less
-    // leaves the mapping alone (it depends on the height only) and moves the frame's edges by
-    // at most half a pixel.
-    wu += (pa * sizes.undistorted.width >= wu && wu < kMaxImageSide) || wu == 1 ? 1 : -1;
+    // Equal sizes would make the effect count the aspect twice. One square unit more leaves
+    // the mapping alone (it depends on the height only) and widens the effect's frame by
+    // 1 / pa pixels, beyond the window.
+    if (wu == kMaxImageSide) {
+      throw IoError("the undistorted width of " + std::to_string(sizes.undistorted.width) +
+                    " pixels at pixel aspect " + NumberText(pa) + " reaches the " +
+                    std::to_string(kMaxImageSide) +
+                    " square pixels the effect's size parameters hold; give a smaller "
+                    "--undistorted-size");
+    }
+    ++wu;
   }
   handed.undistorted.width = wu;
   return handed;
 }
 
-DefaultWindow RemoveWindow(const PF_LRect& maxResultRect, const LensSizes& sizes) {
+DefaultWindow RemoveWindow(const PF_LRect& maxResultRect, const LensSizes& sizes,
+                           double pixelAspect) {
   DefaultWindow w;
   // The frame reaches one column and row further than the image so that the last pixel's
   // right and bottom neighbours can be sampled; the image itself ends one short of it.
   w.rect = maxResultRect;
   w.rect.right = static_cast<A_long>(std::max<long long>(INT32_MIN, maxResultRect.right - 1LL));
   w.rect.bottom = static_cast<A_long>(std::max<long long>(INT32_MIN, maxResultRect.bottom - 1LL));
+  if (pixelAspect != 1.0) {
+    // The effect's frame is the undistorted width in square units over the aspect (a fraction
+    // of a pixel wider than asked, EffectSizes); the columns are those the same frame has on
+    // square pixels, as the effect truncates them.
+    const double centre = sizes.distorted.width / 2.0, half = sizes.undistorted.width / 2.0;
+    w.rect.left = std::max(w.rect.left, static_cast<A_long>(centre - half));
+    w.rect.right = std::min(w.rect.right, static_cast<A_long>(centre + half + 1.5) - 1);
+  }
   // The frame is centred on the plate; with an odd margin its truncated left edge cannot be.
   const long long width = static_cast<long long>(w.rect.right) - w.rect.left;
   const long long height = static_cast<long long>(w.rect.bottom) - w.rect.top;

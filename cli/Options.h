@@ -102,8 +102,11 @@ struct DefaultWindow {
   bool halfPixelY = false;
 };
 
-// Remove: the effect's output frame without the extra last column and row it reports.
-DefaultWindow RemoveWindow(const PF_LRect& maxResultRect, const LensSizes& sizes);
+// Remove: the effect's output frame without the extra last column and row it reports; with a
+// pixel aspect other than 1, the columns the frame of the file's undistorted width would
+// have on square pixels.
+DefaultWindow RemoveWindow(const PF_LRect& maxResultRect, const LensSizes& sizes,
+                           double pixelAspect = 1.0);
 // Apply: a window of the distorted size centred on the lens centre (lensCentreX/Y are the
 // layer position of the normalised origin, which the effect keeps in pixOffsetX/Y). With an odd
 // margin the window starts half a pixel left of (above) the centred position.

@@ -221,7 +221,7 @@ std::pair<PreRenderReadBack, DefaultWindow> OutputFramePlanner::Get(
   const DefaultWindow outFrame =
       settings.mode == kModeApply
           ? ApplyWindow(back.lens.pixOffsetX, back.lens.pixOffsetY, sizes.distorted)
-          : RemoveWindow(back.lens.maxResultRect, sizes);
+          : RemoveWindow(back.lens.maxResultRect, sizes, settings.pixelAspect);
   if (!job_.window && IsEmptyRect(&outFrame.rect)) {
     throw EffectError("the effect's output frame " + RectText(back.lens.maxResultRect) +
                       " is empty; nothing to render");

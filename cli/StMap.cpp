@@ -83,7 +83,7 @@ Direction Plan(const hostsim::PluginModule& module, const LensSettings& settings
   const DefaultWindow w = mode == kModeApply
                               ? ApplyWindow(back.lens.pixOffsetX, back.lens.pixOffsetY,
                                             sizes.distorted)
-                              : RemoveWindow(back.lens.maxResultRect, sizes);
+                              : RemoveWindow(back.lens.maxResultRect, sizes, s.pixelAspect);
   if (IsEmptyRect(&w.rect)) {
     throw EffectError("the effect's output frame " + RectText(back.lens.maxResultRect) +
                       " is empty; there is no map to write");

@@ -124,6 +124,23 @@ TEST(Frames, AnamorphicPlateIsRadialWhenDesqueezedAndRoundTripsLikeASquareOne) {
   EXPECT_GE(roundTrip[1], roundTrip[0] - 3.0) << "square " << roundTrip[0];
 }
 
+// An anamorphic remove writes the windows the same sizes give on square pixels, also where the
+// effect's square-unit width would equal the distorted one (40 at aspect 2) or is rounded.
+TEST(Frames, AnamorphicWindowsAreThoseOfSquarePixels) {
+  ScratchDir dir;
+  for (const char* size : {"40x90", "41x90", "64x90", "81x90", "84x98"}) {
+    std::array<int, 8> square{};
+    for (const float pa : {1.0f, 1.0001f, 1.25f, 2.0f, 0.75f}) {
+      SCOPED_TRACE(std::string(size) + " at " + std::to_string(pa));
+      WritePlate(dir / "p.exr", 80, 90, pa, {0, 0, 80, 90});
+      RunOk({"render", dir / "p.exr", dir / "u.exr", "--undistorted-size", size, "-q"});
+      const std::array<int, 8> windows = Windows(ReadImage(dir / "u.exr").spec);
+      if (pa == 1.0f) square = windows;
+      EXPECT_EQ(windows, square);
+    }
+  }
+}
+
 // info, render and stmap --like read a file's pixel aspect alike: taken when inside the
 // effect's range, refused by all three beyond it.
 TEST(Frames, EveryCommandReadsThePixelAspectAlike) {
