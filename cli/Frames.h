@@ -3,7 +3,8 @@
 // The layer the effect sees has its origin at a point of the input file: in Remove the top
 // left of the plate's frame (its display window); in Apply the top left of the undistorted
 // frame, which is the data window when that holds the display window and more (overscan),
-// else the display window. Pixels of the data window outside the frame are input too.
+// else the display window. Pixels of the data window outside the frame are input too, and the
+// layer spans the display window as well, black where the file holds no pixels (LayerPixels).
 //
 // The output's data window is the rendered window; its display window is the frame of the
 // result: in Apply the distorted frame; in Remove the plate's frame when the undistorted frame

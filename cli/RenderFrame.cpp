@@ -89,6 +89,12 @@ std::string ChannelText(const std::vector<std::string>& names, int alpha) {
   return s + (alpha >= 0 ? " (alpha " + names[static_cast<size_t>(alpha)] + ")" : " (no alpha)");
 }
 
+std::string Number(double v) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%g", v);
+  return text;
+}
+
 std::string Percent(double fraction) {
   char text[32];
   std::snprintf(text, sizeof text, "%.1f%%", 100.0 * fraction);
@@ -365,6 +371,9 @@ void WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, BufferP
       << ModeName(settings.mode) << ", " << FilterName(settings.filter) << ", sizes "
       << plan.sizes.distorted.width << "x" << plan.sizes.distorted.height << " distorted, "
       << plan.sizes.undistorted.width << "x" << plan.sizes.undistorted.height << " undistorted, "
+      << (settings.pixelAspect == 1.0 ? ""
+                                      : "pixel aspect " + Number(settings.pixelAspect) +
+                                            (plan.stretch != 1 ? " (desqueezed), " : ", "))
       << frame.passes << (frame.passes == 1 ? " pass, " : " passes, ") << time << "\n";
   for (size_t i = plan.outPlan.notes.size(); i < written.size(); ++i) {
     out << "  " << written[i] << "\n";
