@@ -13,6 +13,11 @@ PF_LRect Offset(const PF_LRect& r, int dx, int dy) {
   return PF_LRect{r.left + dx, r.top + dy, r.right + dx, r.bottom + dy};
 }
 
+OutputWindows AtOrigin(const OutputWindows& w) {
+  return OutputWindows{Offset(w.data, -w.data.left, -w.data.top),
+                       Offset(w.display, -w.data.left, -w.data.top)};
+}
+
 PF_LRect StretchX(const PF_LRect& r, double factor) {
   const auto scaled = [factor](A_long x) {
     return static_cast<A_long>(std::clamp<double>(std::round(x * factor), INT32_MIN, INT32_MAX));

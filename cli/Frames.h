@@ -41,6 +41,8 @@ OutputWindows PlaceOutput(int mode, const PF_LRect& window, const PF_LRect& fram
                           const LensSizes& sizes, const InputFrame& input);
 
 PF_LRect Offset(const PF_LRect& r, int dx, int dy);
+// A format without windows holds the data window alone at 0,0: both windows moved so.
+OutputWindows AtOrigin(const OutputWindows& w);
 // A rectangle's left and right edges times `factor`, rounded (render --desqueeze).
 PF_LRect StretchX(const PF_LRect& r, double factor);
 

@@ -168,6 +168,7 @@ FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& no
     plan.windows = OutputWindows{StretchX(plan.windows.data, plan.stretch),
                                  StretchX(plan.windows.display, plan.stretch)};
   }
+  if (!plan.outPlan.windows) plan.windows = AtOrigin(plan.windows);
   const long long writtenPixels = RectArea(plan.windows.data);
 
   // Input file buffer, one pass's input layer and the host's copy of it, output world and
