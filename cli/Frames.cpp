@@ -87,7 +87,20 @@ PF_LRect LayerPixels(const InputImage& image, const InputFrame& frame) {
   const PF_LRect& f = image.displayWindow;
   const PF_LRect both{std::min(d.left, f.left), std::min(d.top, f.top),
                       std::max(d.right, f.right), std::max(d.bottom, f.bottom)};
-  return Offset(both, -frame.originX, -frame.originY);
+  const long long w = static_cast<long long>(both.right) - both.left;
+  const long long h = static_cast<long long>(both.bottom) - both.top;
+  if (w <= INT32_MAX && h <= INT32_MAX && WorldBytes(w * h, image.depth) <= hostsim::kMaxWorldBytes) {
+    return Offset(both, -frame.originX, -frame.originY);
+  }
+  // A frame too large for one host image around its data: a black margin wider than the widest
+  // footprint (Lanczos-3's six taps) removes the seam all the same.
+  constexpr int kMargin = 8;
+  const PF_LRect near{
+      static_cast<A_long>(std::max<long long>(both.left, d.left - 1LL * kMargin)),
+      static_cast<A_long>(std::max<long long>(both.top, d.top - 1LL * kMargin)),
+      static_cast<A_long>(std::min<long long>(both.right, d.right + 1LL * kMargin)),
+      static_cast<A_long>(std::min<long long>(both.bottom, d.bottom + 1LL * kMargin))};
+  return Offset(near, -frame.originX, -frame.originY);
 }
 
 std::string AspectText(const LensSettings& settings, const LensSizes& sizes) {

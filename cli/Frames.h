@@ -60,7 +60,8 @@ FileLens PlanFileLens(const LensSettings& given, const InputImage& image, bool f
 
 // The pixels of the input layer: the data window and the display window around it, transparent
 // black where the file holds no pixels, so that a footprint across the data window's edge
-// blends with the black outside it exactly as on a full frame. Layer coordinates.
+// blends with the black outside it exactly as on a full frame; when that exceeds one host
+// image, the data window and a black margin of 8 pixels. Layer coordinates.
 PF_LRect LayerPixels(const InputImage& image, const InputFrame& frame);
 
 // One line for info: what the tool does with a pixel aspect other than 1.
