@@ -241,6 +241,11 @@ TEST(Frames, DataWindowInsideTheFrameRendersAsTheFullFrame) {
       EXPECT_EQ(a.pixels, b.pixels);
     }
   }
+  // A small element in a frame larger than one host image still renders (with a black margin).
+  WritePlate(dir / "huge.exr", 30000, 30000, 1.0f, {15000, 15000, 32, 24});
+  RunOk({"render", dir / "huge.exr", dir / "h.exr", "--window", "14990,14990,15050,15040"});
+  const auto blackLeft = [](int x, int, int) { return x < 15000 ? 0.0f : NAN; };
+  EXPECT_GT(Psnr(ReadImage(dir / "h.exr"), blackLeft), 99.0);
 }
 
 }  // namespace
