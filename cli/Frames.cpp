@@ -89,7 +89,8 @@ PF_LRect LayerPixels(const InputImage& image, const InputFrame& frame) {
                       std::max(d.right, f.right), std::max(d.bottom, f.bottom)};
   const long long w = static_cast<long long>(both.right) - both.left;
   const long long h = static_cast<long long>(both.bottom) - both.top;
-  if (w <= INT32_MAX && h <= INT32_MAX && WorldBytes(w * h, image.depth) <= hostsim::kMaxWorldBytes) {
+  if (w <= INT32_MAX && h <= INT32_MAX &&
+      WorldBytes(w * h, image.depth) <= hostsim::kMaxWorldBytes) {
     return Offset(both, -frame.originX, -frame.originY);
   }
   // A frame too large for one host image around its data: a black margin wider than the widest

@@ -219,8 +219,10 @@ TEST(Frames, StMapLikeAnImageMatchesItsRender) {
     const Image w = ReadImage(dir / ("w" + n + ".exr"));
     // Where the map says the render shows the input, three pixels in from the window's edge.
     const auto inside = Inside(w, {m.spec.x, m.spec.y, m.width, m.height});
-    EXPECT_GE(Psnr(r, [&](int x, int y, int c) { return At(m, x, y, 3) > 0 ? inside(x, y, c) : NAN; }),
-              60.0);
+    const auto covered = [&](int x, int y, int c) {
+      return At(m, x, y, 3) > 0 ? inside(x, y, c) : NAN;
+    };
+    EXPECT_GE(Psnr(r, covered), 60.0);
   }
 }
 
@@ -230,10 +232,12 @@ TEST(Frames, DataWindowInsideTheFrameRendersAsTheFullFrame) {
   ScratchDir dir;
   WritePlate(dir / "inner.exr", 64, 40, 1.0f, {9, 7, 40, 24});
   WritePlate(dir / "full.exr", 64, 40, 1.0f, {0, 0, 64, 40}, 1, {9, 7, 40, 24});
-  for (const char* filter : {"nearest", "bilinear", "lanczos2", "lanczos3", "mitchell", "builtin"}) {
+  for (const char* filter :
+       {"nearest", "bilinear", "lanczos2", "lanczos3", "mitchell", "builtin"}) {
     for (const char* mode : {"remove", "apply"}) {
       SCOPED_TRACE(std::string(filter) + " " + mode);
-      const Args lens = {"--mode", mode, "--distortion", "-60", "--zoom", "0.8", "--filter", filter};
+      const Args lens = {"--mode",  mode,   "--distortion", "-60",
+                         "--zoom", "0.8", "--filter",     filter};
       RunOk(Cat({"render", dir / "inner.exr", dir / "a.exr"}, lens));
       RunOk(Cat({"render", dir / "full.exr", dir / "b.exr"}, lens));
       const Image a = ReadImage(dir / "a.exr"), b = ReadImage(dir / "b.exr");
