@@ -29,11 +29,10 @@
 
 namespace veltrisca {
 
-
 int RunInfo(const InfoCommand& command, const std::string& plugin, std::ostream& out) {
   LensSettings settings = ParseLensOptions(command.lens);
   ImageSize layer = ParseSize("--size", command.size);
-  std::optional<ImageSize> other;
+  LensSizes sizes;
   std::optional<RecordedLens> recorded;
   std::vector<std::string> lensNotes;
   if (!command.image.empty()) {
@@ -42,21 +41,17 @@ int RunInfo(const InfoCommand& command, const std::string& plugin, std::ostream&
     const InputImage image = OpenInputImage(command.image, "");
     recorded = ReadRecordedLens(image.spec, command.image);
     const ImageLens lens = LensForImage(command.lens, recorded, false);
-    settings = ParseLensOptions(lens.lens);
     lensNotes = lens.notes;
-    const InputFrame frame = PlaceInput(settings.mode, image.dataWindow, image.displayWindow);
-    layer = frame.frame;
-    other = frame.other;
-    const float fileAspect = image.spec.get_float_attribute("PixelAspectRatio", 0.0f);
-    if (!settings.pixelAspectGiven && fileAspect >= kPixelAspectRange.minimum &&
-        fileAspect <= kPixelAspectRange.maximum) {
-      settings.pixelAspect = fileAspect;
-    }
+    const FileLens file = PlanFileLens(ParseLensOptions(lens.lens), image, false);
+    settings = file.settings;
+    layer = file.frame.frame;
+    sizes = file.sizes;
+  } else {
+    sizes = ResolveSizes(settings, layer);
   }
   const PF_LRect request = command.request.empty()
                                ? PF_LRect{0, 0, layer.width, layer.height}
                                : ParseRect("--request", command.request);
-  const LensSizes sizes = ResolveSizes(settings, layer, other);
   const long long pixels = static_cast<long long>(layer.width) * layer.height;
   CheckMemory(WorldBytes(pixels, Depth::k8), AvailableMemoryBytes(),
               "a " + std::to_string(layer.width) + "x" + std::to_string(layer.height) +
@@ -75,6 +70,7 @@ int RunInfo(const InfoCommand& command, const std::string& plugin, std::ostream&
   info.image = command.image;
   info.recorded = recorded;
   info.lensNotes = lensNotes;
+  info.aspect = AspectText(settings, sizes);
   info.fitSize = FitUndistortedSize(settings, sizes.distorted);
   const DefaultWindow distorted =
       ApplyWindow(info.back.lens.pixOffsetX, info.back.lens.pixOffsetY, sizes.distorted);
@@ -413,6 +409,9 @@ int RunCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
                         "the alpha channel by name, or none (default: the file's alpha, or a "
                         "channel named A or alpha); every other channel is rendered as colour")
       ->type_name("NAME");
+  renderApp->add_flag("--desqueeze", render.desqueeze,
+                      "remove of an anamorphic plate: resample the result to square pixels "
+                      "(default: keep the plate's pixel aspect)");
   renderApp->add_flag("--add-alpha", render.addAlpha,
                       "write an alpha channel A (the effect's coverage) when the input has none");
   renderApp->add_option("-d", render.dataType,

@@ -34,6 +34,7 @@ struct RenderCommand {
   std::string dataType;     // -d
   std::string compression;  // --compression
   bool fit = false;         // remove: the smallest undistorted size holding the plate
+  bool desqueeze = false;   // remove: an anamorphic result resampled to square pixels
   bool verbose = false;     // -v
   bool quiet = false;       // -q
   std::string frames;       // --frames LIST

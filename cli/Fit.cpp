@@ -66,7 +66,8 @@ ImageSize FitUndistortedSize(const LensSettings& lens, ImageSize distorted) {
       visit(0, y);
       visit(wd - 1, y);
     }
-    *halfW = std::max(-left, right) * pa;
+    // The undistorted frame keeps the plate's pixels (ToParamValues), so widths stay in them.
+    *halfW = std::max(-left, right);
     *halfH = std::max(-top, bottom);
   };
   auto fits = [&](int hu, int* wu) {

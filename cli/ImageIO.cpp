@@ -1,6 +1,8 @@
 #include "ImageIO.h"
 
 #include <OpenImageIO/filesystem.h>
+#include <OpenImageIO/imagebuf.h>
+#include <OpenImageIO/imagebufalgo.h>
 #include <sys/stat.h>
 #include <zlib.h>
 
@@ -468,8 +470,10 @@ InputImage OpenInputImage(const std::string& path, const std::string& alpha) {
   for (int c = 0; c < image.channels; ++c) {
     if (c != image.alphaIndex) image.colour.push_back(c);
   }
-  image.dataWindow = PF_LRect{s.x, s.y, s.x + s.width, s.y + s.height};
-  image.displayWindow = (s.full_width > 0 && s.full_height > 0)
+  image.dataWindow = RecordsWindows(image.format)
+                         ? PF_LRect{s.x, s.y, s.x + s.width, s.y + s.height}
+                         : PF_LRect{0, 0, s.width, s.height};
+  image.displayWindow = (RecordsWindows(image.format) && s.full_width > 0 && s.full_height > 0)
                             ? PF_LRect{s.full_x, s.full_y, s.full_x + s.full_width,
                                        s.full_y + s.full_height}
                             : image.dataWindow;
@@ -544,14 +548,23 @@ PixelBuffer ReadPixels(InputImage& image, std::vector<uint8_t> storage) {
   return px;
 }
 
+bool RecordsWindows(const std::string& format) { return format == "openexr"; }
+
 std::unique_ptr<World> PassLayer(const InputImage& image, const PixelBuffer& px, int pass,
-                                 int originX, int originY, std::unique_ptr<World> reuse) {
+                                 int originX, int originY, const PF_LRect& rect,
+                                 std::unique_ptr<World> reuse) {
   const int w = px.width, h = px.height, n = px.channels;
+  const int lw = rect.right - rect.left, lh = rect.bottom - rect.top;
   std::unique_ptr<World> layer = std::move(reuse);
-  if (!layer || layer->depth() != px.depth || layer->width() != w || layer->height() != h ||
-      layer->originX() != originX || layer->originY() != originY || layer->paddingBytes() != 0) {
-    layer = std::make_unique<World>(px.depth, w, h, originX, originY);
+  // A world with a black margin is made afresh (zero-filled): the last frame's pixels may have
+  // lain elsewhere in it.
+  if (!layer || lw != w || lh != h || layer->depth() != px.depth || layer->width() != lw ||
+      layer->height() != lh ||
+      layer->originX() != rect.left || layer->originY() != rect.top ||
+      layer->paddingBytes() != 0) {
+    layer = std::make_unique<World>(px.depth, lw, lh, rect.left, rect.top);
   }
+  const size_t skip = static_cast<size_t>(originX - rect.left) * hostsim::PixelBytes(px.depth);
   const PassChannels p = ChannelsOfPass(image, pass);
   const size_t rowSamples = static_cast<size_t>(w) * n;
   ForPixelDepth(px.depth, [&](auto tag) {
@@ -560,10 +573,29 @@ std::unique_ptr<World> PassLayer(const InputImage& image, const PixelBuffer& px,
     const T opaque = static_cast<T>(decltype(tag)::kInfo.alphaMax);
     for (int y = 0; y < h; ++y) {
       ToWorldRow(reinterpret_cast<const T*>(px.bytes.data()) + rowSamples * y, w, n, p, opaque,
-                 Samples::ToHost, reinterpret_cast<T*>(layer->Row(y)));
+                 Samples::ToHost,
+                 reinterpret_cast<T*>(layer->Row(y + originY - rect.top) + skip));
     }
   });
   return layer;
+}
+
+PixelBuffer StretchWidth(const PixelBuffer& px, int width) {
+  const OIIO::TypeDesc type = BufferTypeOf(px.depth);
+  const OIIO::ImageSpec from(px.width, px.height, px.channels, type);
+  const OIIO::ImageBuf source(from, const_cast<uint8_t*>(px.bytes.data()));
+  OIIO::ImageBuf stretched(OIIO::ImageSpec(width, px.height, px.channels, type));
+  if (!OIIO::ImageBufAlgo::resize(stretched, source)) {
+    throw IoError("cannot desqueeze the result: " + stretched.geterror());
+  }
+  PixelBuffer out;
+  out.width = width;
+  out.height = px.height;
+  out.channels = px.channels;
+  out.depth = px.depth;
+  out.bytes.resize(static_cast<size_t>(width) * px.height * px.channels * type.size());
+  stretched.get_pixels(OIIO::ROI::All(), type, out.bytes.data());
+  return out;
 }
 
 OutputLayout ChooseOutputLayout(const InputImage& input, bool addAlpha) {

@@ -45,6 +45,11 @@ struct InputImage {
   PF_LRect displayWindow{};  // file coordinates; the data window for formats without one
 };
 
+// True for the formats whose data and display windows the tool reads and writes: OpenEXR.
+// The offsets that DPX and TIFF can record are not a frame to most programs; files of every
+// other format are one image at 0,0.
+bool RecordsWindows(const std::string& format);
+
 // Opens a file and reads its header only. `alpha` chooses the alpha channel: empty for the
 // file's own (OpenImageIO's alpha_channel, or a channel named A or alpha), "none" for no
 // alpha, else a channel name. Throws CliError(kExitIo) for a missing or unreadable file, one
@@ -72,10 +77,12 @@ struct PixelBuffer {
 // a buffer to read into (its bytes are overwritten), so that a sequence reuses its buffers:
 // the first touch of fresh memory costs a page fault for every 4 KiB.
 PixelBuffer ReadPixels(InputImage& image, std::vector<uint8_t> storage = {});
-// The host world of one pass, placed in the layer at (originX, originY); `reuse` is filled
-// instead of a new world when it has the same depth, size and origin.
+// The host world of one pass covering `layer` (layer coordinates), the pixels placed at
+// (originX, originY) in it and transparent black around them; `reuse` is filled instead of a
+// new world when it covers the same rectangle at the same depth.
 std::unique_ptr<hostsim::World> PassLayer(const InputImage& image, const PixelBuffer& pixels,
                                           int pass, int originX, int originY,
+                                          const PF_LRect& layer,
                                           std::unique_ptr<hostsim::World> reuse = nullptr);
 
 // Bytes of one interleaved buffer and of one host world.
@@ -97,6 +104,10 @@ OutputLayout ChooseOutputLayout(const InputImage& input, bool addAlpha);
 // type, in `storage` when given.
 PixelBuffer NewOutputBuffer(const InputImage& input, const OutputLayout& layout,
                             const PF_LRect& window, std::vector<uint8_t> storage = {});
+// The buffer resampled to `width` columns (OpenImageIO's resize and its default filter for the
+// scale), its rows unchanged: render --desqueeze.
+PixelBuffer StretchWidth(const PixelBuffer& pixels, int width);
+
 // Copies the channels of one pass from `rendered` (placed in the layer at its origin; may be
 // null) into the output buffer covering `window`; the alpha slot is taken from pass 0.
 void StorePass(const InputImage& input, const OutputLayout& layout, int pass,

@@ -55,6 +55,7 @@ void WriteInfoJson(std::ostream& out, const InfoResult& info, bool withTable) {
     j.String("image", info.image);
     j.Parsed("recordedLens", info.recorded ? info.recorded->LensFile() : "null");
   }
+  j.String("pixelAspectHandling", info.aspect);
   j.IntPair("fitUndistortedSize", info.fitSize.width, info.fitSize.height);
   j.Double("beyondInvertible", info.beyondInvertible);
   j.End();
@@ -138,6 +139,7 @@ void WriteInfoText(std::ostream& out, const InfoResult& info) {
     out << "Recorded lens        " << (info.recorded ? info.recorded->Text() : "none") << "\n";
     for (const std::string& n : info.lensNotes) out << "                     " << n << "\n";
   }
+  out << "Pixel aspect         " << info.aspect << "\n";
   out << "Overscan (--fit)     undistorted size " << info.fitSize.width << " x "
       << info.fitSize.height
       << (info.beyondInvertible > 0 ? " holds every part of the distorted frame the lens undoes\n"

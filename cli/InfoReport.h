@@ -19,6 +19,7 @@ struct InfoResult {
   ImageSize layer;         // the input layer's size
   PreRenderReadBack back;  // lens record and pre-render report
   std::string image;       // the image file the layer was read from, or empty
+  std::string aspect;      // what the tool does with the pixel aspect (AspectText)
   ImageSize fitSize;       // the undistorted size render --fit would choose
   double beyondInvertible = 0;  // share of the distorted frame beyond what the lens inverts
   std::optional<RecordedLens> recorded;  // the lens the image records
@@ -29,7 +30,7 @@ struct InfoResult {
 // left out; the inverse table only when withTable), then request, inputRequest,
 // inputRequestField, hostSupplied, resultRect and maxResultRectReported, then image and
 // recordedLens (with an image: the lens it records as a lens file's object, or null),
-// fitUndistortedSize and beyondInvertible.
+// pixelAspectHandling, fitUndistortedSize and beyondInvertible.
 void WriteInfoJson(std::ostream& out, const InfoResult& info, bool withTable);
 void WriteInfoText(std::ostream& out, const InfoResult& info);
 

@@ -186,20 +186,69 @@ hostsim::ParamValues ToParamValues(const LensSettings& settings, const LensSizes
   p.quartic = settings.quartic;
   p.zoom = settings.zoom;
   p.pixelAspect = settings.pixelAspect;
-  p.distortedWidth = sizes.distorted.width;
-  p.distortedHeight = sizes.distorted.height;
-  p.undistortedWidth = sizes.undistorted.width;
-  p.undistortedHeight = sizes.undistorted.height;
+  const LensSizes handed = EffectSizes(settings, sizes);
+  p.distortedWidth = handed.distorted.width;
+  p.distortedHeight = handed.distorted.height;
+  p.undistortedWidth = handed.undistorted.width;
+  p.undistortedHeight = handed.undistorted.height;
   return p;
 }
 
-DefaultWindow RemoveWindow(const PF_LRect& maxResultRect, const LensSizes& sizes) {
+LensSizes EffectSizes(const LensSettings& settings, const LensSizes& sizes) {
+  const double pa = settings.pixelAspect;
+  if (pa == 1.0) return sizes;
+  LensSizes handed = sizes;
+  if (settings.mode == kModeApply) {
+    // Equal sizes make the effect measure its input and output pixels as pa wide; only that
+    // equality test reads the distorted size in Apply.
+    handed.distorted = sizes.undistorted;
+    return handed;
+  }
+  // Remove with unequal sizes measures input and output pixels as pa wide and makes the frame
+  // Wu / pa output pixels wide: Wu is the undistorted width in square units.
+  const long long wide =
+      static_cast<long long>(std::ceil(pa * sizes.undistorted.width - 1e-9));
+  if (wide > kMaxImageSide) {
+    throw IoError("the undistorted width of " + std::to_string(sizes.undistorted.width) +
+                  " pixels at pixel aspect " + NumberText(pa) + " is " + std::to_string(wide) +
+                  " square pixels, more than the " + std::to_string(kMaxImageSide) +
+                  " the effect's size parameters hold; give a smaller --undistorted-size");
+  }
+  // Rounded up, so that the effect's frame holds the window RemoveWindow chooses.
+  int wu = static_cast<int>(std::max(1LL, wide));
+  if (wu == sizes.distorted.width && sizes.undistorted.height == sizes.distorted.height) {
+    // Equal sizes would make the effect count the aspect twice. One square unit more leaves
+    // the mapping alone (it depends on the height only) and widens the effect's frame by
+    // 1 / pa pixels, beyond the window.
+    if (wu == kMaxImageSide) {
+      throw IoError("the undistorted width of " + std::to_string(sizes.undistorted.width) +
+                    " pixels at pixel aspect " + NumberText(pa) + " reaches the " +
+                    std::to_string(kMaxImageSide) +
+                    " square pixels the effect's size parameters hold; give a smaller "
+                    "--undistorted-size");
+    }
+    ++wu;
+  }
+  handed.undistorted.width = wu;
+  return handed;
+}
+
+DefaultWindow RemoveWindow(const PF_LRect& maxResultRect, const LensSizes& sizes,
+                           double pixelAspect) {
   DefaultWindow w;
   // The frame reaches one column and row further than the image so that the last pixel's
   // right and bottom neighbours can be sampled; the image itself ends one short of it.
   w.rect = maxResultRect;
   w.rect.right = static_cast<A_long>(std::max<long long>(INT32_MIN, maxResultRect.right - 1LL));
   w.rect.bottom = static_cast<A_long>(std::max<long long>(INT32_MIN, maxResultRect.bottom - 1LL));
+  if (pixelAspect != 1.0) {
+    // The effect's frame is the undistorted width in square units over the aspect (a fraction
+    // of a pixel wider than asked, EffectSizes); the columns are those the same frame has on
+    // square pixels, as the effect truncates them.
+    const double centre = sizes.distorted.width / 2.0, half = sizes.undistorted.width / 2.0;
+    w.rect.left = std::max(w.rect.left, static_cast<A_long>(centre - half));
+    w.rect.right = std::min(w.rect.right, static_cast<A_long>(centre + half + 1.5) - 1);
+  }
   // The frame is centred on the plate; with an odd margin its truncated left edge cannot be.
   const long long width = static_cast<long long>(w.rect.right) - w.rect.left;
   const long long height = static_cast<long long>(w.rect.bottom) - w.rect.top;

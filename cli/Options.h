@@ -88,7 +88,16 @@ struct LensSizes {
 LensSizes ResolveSizes(const LensSettings& settings, ImageSize layer,
                        std::optional<ImageSize> other = std::nullopt);
 
+// The user's lens onto the effect's parameters. `sizes` are in the files' own pixels, whose
+// width over height is settings.pixelAspect; the lens is radial in the desqueezed picture, its
+// unit half the undistorted height. With a pixel aspect other than 1 the sizes handed to the
+// effect differ from the files' (EffectSizes): Remove hands the undistorted width in square
+// units (pixel aspect x the file's width), so that the undistorted frame keeps the plate's
+// squeezed pixels and is as many file pixels wide as asked; Apply hands the undistorted size
+// as the distorted one too, which makes the effect take both sides' pixels as pixel-aspect
+// wide. With a pixel aspect of 1 the sizes are handed as they are.
 hostsim::ParamValues ToParamValues(const LensSettings& settings, const LensSizes& sizes);
+LensSizes EffectSizes(const LensSettings& settings, const LensSizes& sizes);
 
 // The output rectangle rendered when --window is not given.
 struct DefaultWindow {
@@ -97,8 +106,11 @@ struct DefaultWindow {
   bool halfPixelY = false;
 };
 
-// Remove: the effect's output frame without the extra last column and row it reports.
-DefaultWindow RemoveWindow(const PF_LRect& maxResultRect, const LensSizes& sizes);
+// Remove: the effect's output frame without the extra last column and row it reports; with a
+// pixel aspect other than 1, the columns the frame of the file's undistorted width would
+// have on square pixels.
+DefaultWindow RemoveWindow(const PF_LRect& maxResultRect, const LensSizes& sizes,
+                           double pixelAspect = 1.0);
 // Apply: a window of the distorted size centred on the lens centre (lensCentreX/Y are the
 // layer position of the normalised origin, which the effect keeps in pixOffsetX/Y). With an odd
 // margin the window starts half a pixel left of (above) the centred position.

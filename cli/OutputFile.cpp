@@ -115,7 +115,7 @@ OutputPlan PlanOutput(const std::string& path, const InputImage& input,
   {
     auto out = OIIO::ImageOutput::create(path);
     plan.format = out->format_name();
-    plan.windows = out->supports("displaywindow") && out->supports("origin");
+    plan.windows = RecordsWindows(plan.format);
     if (!choice.compression.empty()) {
       std::string choices;
       if (!KnownCompression(plan.format, choice.compression, &choices)) {

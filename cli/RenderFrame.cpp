@@ -29,7 +29,13 @@ RenderJob MakeRenderJob(const RenderCommand& command, const std::string& plugin)
   if (command.fit && job.settings.undistortedSize) {
     throw UsageError("--fit and --undistorted-size both choose the undistorted size; give one");
   }
+  if (command.desqueeze && job.settings.mode != kModeRemove) {
+    throw UsageError("--desqueeze resamples a remove's result to square pixels; to apply a "
+                     "lens to a square-pixel image, squeeze it to the plate's pixel aspect first "
+                     "(oiiotool --resize)");
+  }
   job.fit = command.fit;
+  job.desqueeze = command.desqueeze;
   job.alpha = command.alpha;
   job.addAlpha = command.addAlpha;
   job.output = OutputChoice{command.dataType, command.compression};
@@ -86,6 +92,12 @@ std::string ChannelText(const std::vector<std::string>& names, int alpha) {
   std::string s;
   for (size_t c = 0; c < names.size(); ++c) s += (c ? "," : "") + names[c];
   return s + (alpha >= 0 ? " (alpha " + names[static_cast<size_t>(alpha)] + ")" : " (no alpha)");
+}
+
+std::string Number(double v) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%g", v);
+  return text;
 }
 
 // A share that is not zero never reads as "0.0%": below 0.1% it takes two significant digits.
@@ -158,27 +170,23 @@ constexpr long long kLargeOutputPixels = 100000000;
 FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& notes,
                     const InputImage& input, const FrameFiles& files) {
   FramePlan plan;
-  const ImageLens lens =
+  const ImageLens recorded =
       LensForImage(job.lens, ReadRecordedLens(input.spec, files.input), job.fit);
-  for (const std::string& n : lens.notes) notes(n);
-  plan.settings = ParseLensOptions(lens.lens);
-  plan.frame = PlaceInput(plan.settings.mode, input.dataWindow, input.displayWindow);
-  if (!plan.settings.pixelAspectGiven) {
-    const float fileAspect = input.spec.get_float_attribute("PixelAspectRatio", 0.0f);
-    if (fileAspect > 0.0f && fileAspect != 1.0f) {
-      if (fileAspect < kPixelAspectRange.minimum || fileAspect > kPixelAspectRange.maximum) {
-        throw IoError(files.input + ": its pixel aspect " + std::to_string(fileAspect) +
-                      " is outside the effect's 0.1..10; give --pixel-aspect");
-      }
-      plan.settings.pixelAspect = fileAspect;
-    }
+  for (const std::string& n : recorded.notes) notes(n);
+  const FileLens lens = PlanFileLens(ParseLensOptions(recorded.lens), input, job.fit);
+  plan.settings = lens.settings;
+  plan.frame = lens.frame;
+  plan.sizes = lens.sizes;
+  if (job.desqueeze && plan.settings.mode != kModeRemove) {
+    throw UsageError(files.input + " is rendered in apply (the lens it records goes back on), "
+                     "which --desqueeze does not take; give --mode remove to remove again");
   }
   plan.layout = ChooseOutputLayout(input, job.addAlpha);
   plan.outPlan = PlanOutput(files.output, input, plan.layout, job.output);
-  plan.sizes = ResolveSizes(plan.settings, plan.frame.frame, plan.frame.other);
-  plan.layerRect = Offset(input.dataWindow, -plan.frame.originX, -plan.frame.originY);
+  plan.dataRect = Offset(input.dataWindow, -plan.frame.originX, -plan.frame.originY);
+  plan.layerRect = LayerPixels(input, plan.frame);
   const long long layerPixels = CheckedPixels(plan.layerRect, input.depth, "the input layer");
-  if (job.fit) plan.sizes.undistorted = FitUndistortedSize(plan.settings, plan.sizes.distorted);
+  const long long dataPixels = RectArea(plan.dataRect);
   plan.params = ToParamValues(plan.settings, plan.sizes);
 
   const auto [back, outFrame] =
@@ -192,12 +200,22 @@ FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& no
   const long long windowPixels = CheckedPixels(plan.window, input.depth, "the output window");
   plan.windows =
       PlaceOutput(plan.settings.mode, plan.window, outFrame.rect, plan.sizes, plan.frame);
+  if (job.desqueeze && plan.settings.pixelAspect != 1.0) {
+    plan.stretch = plan.settings.pixelAspect;
+    plan.windows = OutputWindows{StretchX(plan.windows.data, plan.stretch),
+                                 StretchX(plan.windows.display, plan.stretch)};
+  }
+  if (!plan.outPlan.windows) plan.windows = AtOrigin(plan.windows);
+  const long long writtenPixels = RectArea(plan.windows.data);
 
   // Input file buffer, one pass's input layer and the host's copy of it, output world and
   // output file buffer, all at once at worst; a sequence holds one more input and output
   // buffer (the next frame read, the last one written).
-  const uint64_t inputBuffer = FileBufferBytes(layerPixels, input.channels, input.depth);
-  const uint64_t outputBuffer = FileBufferBytes(windowPixels, plan.layout.channels, input.depth);
+  const uint64_t inputBuffer = FileBufferBytes(dataPixels, input.channels, input.depth);
+  // (Desqueezed: the rendered buffer and the resampled one, at once.)
+  const uint64_t outputBuffer =
+      FileBufferBytes(windowPixels + (plan.stretch != 1 ? writtenPixels : 0), plan.layout.channels,
+                      input.depth);
   const uint64_t need = (job.pipelined ? 2 : 1) * (inputBuffer + outputBuffer) +
                         2 * WorldBytes(layerPixels, input.depth) +
                         WorldBytes(windowPixels, input.depth);
@@ -231,8 +249,14 @@ std::pair<PreRenderReadBack, DefaultWindow> OutputFramePlanner::Get(
     const hostsim::ParamValues& params, const LensSettings& settings, const LensSizes& sizes,
     ImageSize frame) {
   std::lock_guard<std::mutex> lock(mutex_);
-  for (const auto& [known, result] : known_) {
-    if (SameParams(known, params)) return result;
+  const auto same = [](ImageSize a, ImageSize b) {
+    return a.width == b.width && a.height == b.height;
+  };
+  for (const Known& k : known_) {
+    if (SameParams(k.params, params) && same(k.sizes.distorted, sizes.distorted) &&
+        same(k.sizes.undistorted, sizes.undistorted)) {
+      return k.result;
+    }
   }
   EffectSession plan(*job_.module, params, job_.threads);
   plan.OverrideSuppliedRect(PF_LRect{0, 0, 0, 0});
@@ -241,13 +265,13 @@ std::pair<PreRenderReadBack, DefaultWindow> OutputFramePlanner::Get(
   const DefaultWindow outFrame =
       settings.mode == kModeApply
           ? ApplyWindow(back.lens.pixOffsetX, back.lens.pixOffsetY, sizes.distorted)
-          : RemoveWindow(back.lens.maxResultRect, sizes);
+          : RemoveWindow(back.lens.maxResultRect, sizes, settings.pixelAspect);
   if (!job_.window && IsEmptyRect(&outFrame.rect)) {
     throw EffectError("the effect's output frame " + RectText(back.lens.maxResultRect) +
                       " is empty; nothing to render");
   }
-  known_.emplace_back(params, std::make_pair(back, outFrame));
-  return known_.back().second;
+  known_.push_back(Known{params, sizes, std::make_pair(back, outFrame)});
+  return known_.back().result;
 }
 
 std::vector<uint8_t> BufferPool::Take(size_t bytes) {
@@ -277,9 +301,9 @@ ReadFrame ReadFrameFiles(const RenderJob& job, OutputFramePlanner& planner, Note
   frame.input = OpenInputImage(files.input, job.alpha);
   frame.plan = PlanFrame(job, planner, notes, frame.input, files);
   frame.temp = std::make_unique<TempOutputFile>(files.output);
-  const long long layerPixels = RectArea(frame.plan.layerRect);
+  const long long dataPixels = RectArea(frame.plan.dataRect);
   frame.pixels = ReadPixels(
-      frame.input, pool.Take(FileBufferBytes(layerPixels, frame.input.channels, frame.input.depth)));
+      frame.input, pool.Take(FileBufferBytes(dataPixels, frame.input.channels, frame.input.depth)));
   if (IsKernelFilter(frame.plan.settings.filter) &&
       HasNegativeColour(frame.input, frame.pixels)) {
     notes("warning: the input holds negative values, which the " +
@@ -305,8 +329,8 @@ RenderedFrame FrameRenderer::Render(ReadFrame frame, Notes& notes, BufferPool& p
       pool.Take(FileBufferBytes(RectArea(plan.window), plan.layout.channels, frame.input.depth)));
   out.passes = PassCount(frame.input);
   for (int pass = 0; pass < out.passes; ++pass) {
-    layer_ = PassLayer(frame.input, frame.pixels, pass, plan.layerRect.left, plan.layerRect.top,
-                       std::move(layer_));
+    layer_ = PassLayer(frame.input, frame.pixels, pass, plan.dataRect.left, plan.dataRect.top,
+                       plan.layerRect, std::move(layer_));
     session_->SetInputLayer(layer_.get());
     session_->PreRender(plan.window);
     output_ = session_->Render(std::move(output_));
@@ -318,6 +342,10 @@ RenderedFrame FrameRenderer::Render(ReadFrame frame, Notes& notes, BufferPool& p
   }
   session_->SetInputLayer(nullptr);
   session_->SetRowProgress(nullptr);
+  if (plan.stretch != 1) {
+    const PF_LRect& d = plan.windows.data;
+    out.result = StretchWidth(out.result, d.right - d.left);
+  }
   pool.Give(std::move(frame.pixels.bytes));
   out.files = std::move(frame.files);
   out.started = frame.started;
@@ -338,7 +366,22 @@ void WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, BufferP
   const LensSettings& settings = plan.settings;
   OIIO::ParamValueList header;
   header.attribute("Software", std::string("veltrisca ") + kToolVersion);
-  RecordLens(settings, plan.sizes, &header);
+  if (plan.stretch == 1) {
+    RecordLens(settings, plan.sizes, &header);
+  } else {
+    // A desqueezed result records the lens in its own square pixels: the same lens, so that
+    // an apply of it gives the plate desqueezed.
+    LensSettings square = settings;
+    square.pixelAspect = 1;
+    const auto stretched = [&](ImageSize s) {
+      const PF_LRect r = StretchX(PF_LRect{0, 0, s.width, s.height}, plan.stretch);
+      return ImageSize{r.right, s.height};
+    };
+    RecordLens(square, LensSizes{stretched(plan.sizes.distorted), stretched(plan.sizes.undistorted)},
+               &header);
+    header.attribute("PixelAspectRatio", 1.0f);
+    header.attribute("veltrisca:desqueezed", 1);
+  }
   std::vector<std::string> written = plan.outPlan.notes;
   WriteOutput(frame.temp->path(), frame.files.output, frame.input, plan.layout, plan.outPlan,
               plan.windows, frame.result, header, job.verbose ? &written : nullptr);
@@ -364,6 +407,9 @@ void WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, BufferP
       << ModeName(settings.mode) << ", " << FilterName(settings.filter) << ", sizes "
       << plan.sizes.distorted.width << "x" << plan.sizes.distorted.height << " distorted, "
       << plan.sizes.undistorted.width << "x" << plan.sizes.undistorted.height << " undistorted, "
+      << (settings.pixelAspect == 1.0 ? ""
+                                      : "pixel aspect " + Number(settings.pixelAspect) +
+                                            (plan.stretch != 1 ? " (desqueezed), " : ", "))
       << frame.passes << (frame.passes == 1 ? " pass, " : " passes, ") << time << "\n";
   for (size_t i = plan.outPlan.notes.size(); i < written.size(); ++i) {
     out << "  " << written[i] << "\n";

@@ -34,6 +34,7 @@ struct RenderJob {
   int threads = 0;
   std::optional<PF_LRect> window;  // --window
   bool fit = false;
+  bool desqueeze = false;
   std::string alpha;
   bool addAlpha = false;
   OutputChoice output;
@@ -73,10 +74,12 @@ struct FramePlan {
   InputFrame frame;
   OutputLayout layout;
   OutputPlan outPlan;
-  PF_LRect layerRect{};  // the data window in layer pixels
+  PF_LRect dataRect{};   // the data window in layer pixels
+  PF_LRect layerRect{};  // the input layer: the data window and a black margin (LayerPixels)
   PF_LRect window{};     // the output rectangle rendered, layer pixels
   OutputWindows windows;
   hostsim::ParamValues params;
+  double stretch = 1;  // --desqueeze: the result's width is resampled by this factor
 };
 
 // The effect's output frame and lens centre for a set of parameters, from a pre-render on a
@@ -91,7 +94,14 @@ class OutputFramePlanner {
  private:
   const RenderJob& job_;
   std::mutex mutex_;
-  std::vector<std::pair<hostsim::ParamValues, std::pair<PreRenderReadBack, DefaultWindow>>> known_;
+  // Keyed by the parameters and the files' sizes: the window is in the files' sizes, which
+  // the parameters do not always hold (an anamorphic apply hands the effect one size).
+  struct Known {
+    hostsim::ParamValues params;
+    LensSizes sizes;
+    std::pair<PreRenderReadBack, DefaultWindow> result;
+  };
+  std::vector<Known> known_;
 };
 
 using Clock = std::chrono::steady_clock;

@@ -6,9 +6,12 @@
 #include <cctype>
 #include <cmath>
 #include <memory>
+#include <optional>
 
 #include "AtomicFile.h"
 #include "CliError.h"
+#include "Frames.h"
+#include "LensFile.h"
 #include "ImageIO.h"
 #include "Memory.h"
 #include "Session.h"
@@ -81,7 +84,7 @@ Direction Plan(const hostsim::PluginModule& module, const LensSettings& settings
   const DefaultWindow w = mode == kModeApply
                               ? ApplyWindow(back.lens.pixOffsetX, back.lens.pixOffsetY,
                                             sizes.distorted)
-                              : RemoveWindow(back.lens.maxResultRect, sizes);
+                              : RemoveWindow(back.lens.maxResultRect, sizes, s.pixelAspect);
   if (IsEmptyRect(&w.rect)) {
     throw EffectError("the effect's output frame " + RectText(back.lens.maxResultRect) +
                       " is empty; there is no map to write");
@@ -125,7 +128,17 @@ int RunStMap(const StMapCommand& command, const std::string& plugin, std::ostrea
     throw UsageError("OUT must be an OpenEXR file (.exr): ST maps are written in 32-bit float, " +
                      std::string("got ") + command.output);
   }
-  LensSettings settings = ParseLensOptions(command.lens);
+  // With --like, the lens the image records fills what the command line leaves, as in render.
+  std::optional<InputImage> like;
+  LensOptionText lensText = command.lens;
+  if (!command.like.empty()) {
+    like = OpenInputImage(command.like, "none");
+    const ImageLens recorded =
+        LensForImage(command.lens, ReadRecordedLens(like->spec, command.like), false);
+    for (const std::string& n : recorded.notes) note << "veltrisca: " << n << "\n";
+    lensText = recorded.lens;
+  }
+  LensSettings settings = ParseLensOptions(lensText);
   const int threads = ParseInt("--threads", command.threads, 0, kMaxThreads);
   PF_LRect window{};
   const bool haveWindow = !command.window.empty();
@@ -134,31 +147,26 @@ int RunStMap(const StMapCommand& command, const std::string& plugin, std::ostrea
     if (IsEmptyRect(&window)) throw UsageError("--window: " + command.window + " is empty");
   }
 
-  ImageSize layer;
-  PF_LRect likeMargin{0, 0, 0, 0};  // the like image's data window beyond its display window
-  if (!command.like.empty()) {
-    const InputImage like = OpenInputImage(command.like, "none");
-    const OIIO::ImageSpec& spec = like.spec;
-    layer = ImageSize{spec.full_width > 0 ? spec.full_width : spec.width,
-                      spec.full_height > 0 ? spec.full_height : spec.height};
-    if (spec.full_width > 0 && spec.full_height > 0) {
-      likeMargin = PF_LRect{std::max(0, spec.full_x - spec.x), std::max(0, spec.full_y - spec.y),
-                            std::max(0, spec.x + spec.width - spec.full_x - spec.full_width),
-                            std::max(0, spec.y + spec.height - spec.full_y - spec.full_height)};
-    }
-    const float aspect = spec.get_float_attribute("PixelAspectRatio", 1.0f);
-    if (!command.pixelAspectGiven && std::isfinite(aspect) && aspect > 0.0f) {
-      settings.pixelAspect = std::clamp<double>(aspect, kPixelAspectRange.minimum,
-                                                kPixelAspectRange.maximum);
-    }
-  } else {
-    layer = ParseSize("--size", command.size);
-  }
-
   const int firstMode = command.both ? kModeRemove : settings.mode;
   LensSettings first = settings;
   first.mode = firstMode;
-  const LensSizes sizes = ResolveSizes(first, layer);
+  first.pixelAspectGiven = settings.pixelAspectGiven || command.pixelAspectGiven;
+  ImageSize layer;
+  LensSizes sizes;
+  std::optional<InputFrame> likeFrame;  // where the lens frame lies in the --like image
+  PF_LRect likeDisplay{};
+  if (like) {
+    // The lens set on the image exactly as render sets it (cli/Frames.h).
+    likeDisplay = like->displayWindow;
+    const FileLens lens = PlanFileLens(first, *like, false);
+    settings.pixelAspect = lens.settings.pixelAspect;
+    layer = lens.frame.frame;
+    sizes = lens.sizes;
+    likeFrame = lens.frame;
+  } else {
+    layer = ParseSize("--size", command.size);
+    sizes = ResolveSizes(first, layer);
+  }
   if (!command.like.empty() && SameFile(command.output, command.like)) {
     throw UsageError("OUT is the same file as the --like image (" + command.output + ")");
   }
@@ -183,10 +191,7 @@ int RunStMap(const StMapCommand& command, const std::string& plugin, std::ostrea
             "the map's frame "
          << RectText(frame) << " sits half a pixel off the lens centre\n";
   }
-  if (!haveWindow) {
-    window = PF_LRect{frame.left - likeMargin.left, frame.top - likeMargin.top,
-                      frame.right + likeMargin.right, frame.bottom + likeMargin.bottom};
-  }
+  if (!haveWindow) window = frame;
   const long long w = static_cast<long long>(window.right) - window.left;
   const long long h = static_cast<long long>(window.bottom) - window.top;
   const int channels = command.both ? 6 : 4;
@@ -207,10 +212,19 @@ int RunStMap(const StMapCommand& command, const std::string& plugin, std::ostrea
   for (size_t m = 0; m < directions.size(); ++m) {
     const Direction& d = directions[m];
     const std::vector<float> xy = MapWindow(d.lens, window);
+    // s and t span the input's frame: the layer, or with --like the image's display window
+    // (which in Apply on overscan is not the layer), as ST map readers take them.
+    float dx = 0, dy = 0;
+    ImageSize st = d.input;
+    if (likeFrame && m == 0) {
+      dx = static_cast<float>(likeFrame->originX - likeDisplay.left);
+      dy = static_cast<float>(likeFrame->originY - likeDisplay.top);
+      st = ImageSize{likeDisplay.right - likeDisplay.left, likeDisplay.bottom - likeDisplay.top};
+    }
     for (size_t i = 0; i < pixels; ++i) {
       float* px = &pixelsOut[i * channels];
-      const float s = SCoordinate(xy[2 * i], d.input.width);
-      const float t = TCoordinate(xy[2 * i + 1], d.input.height);
+      const float s = SCoordinate(xy[2 * i] + dx, st.width);
+      const float t = TCoordinate(xy[2 * i + 1] + dy, st.height);
       const float a = d.covered[i] ? 1.0f : 0.0f;
       if (!command.both) {
         px[0] = s;
@@ -225,11 +239,18 @@ int RunStMap(const StMapCommand& command, const std::string& plugin, std::ostrea
   }
 
   OIIO::ImageSpec spec(static_cast<int>(w), static_cast<int>(h), channels, OIIO::TypeDesc::FLOAT);
-  spec.x = window.left - frame.left;
-  spec.y = window.top - frame.top;
-  spec.full_x = spec.full_y = 0;
-  spec.full_width = frame.right - frame.left;
-  spec.full_height = frame.bottom - frame.top;
+  // With --like the windows are those render writes for the image (file coordinates); else
+  // the frame's top left is 0,0.
+  const OutputWindows windows =
+      likeFrame ? PlaceOutput(firstMode, window, frame, sizes, *likeFrame)
+                : OutputWindows{Offset(window, -frame.left, -frame.top),
+                                Offset(frame, -frame.left, -frame.top)};
+  spec.x = windows.data.left;
+  spec.y = windows.data.top;
+  spec.full_x = windows.display.left;
+  spec.full_y = windows.display.top;
+  spec.full_width = windows.display.right - windows.display.left;
+  spec.full_height = windows.display.bottom - windows.display.top;
   spec.channelnames = command.both ? std::vector<std::string>{"R", "G", "B", "A", "remove.A",
                                                               "apply.A"}
                                    : std::vector<std::string>{"R", "G", "B", "A"};

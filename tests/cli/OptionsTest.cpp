@@ -154,6 +154,7 @@ TEST(CommandLine, RefusalsSayWhyOnOneLineAndTouchNoFile) {
       // The separated form reads a negative value as the value, not as another option.
       {"render IN OUT --distortion -30000", kExitUsage, "-20000..20000"},
       {"render IN OUT --mode apply --fit", kExitUsage, "--fit"},
+      {"render IN OUT --mode apply --desqueeze", kExitUsage, "--desqueeze"},
       {"render IN " + dir / "o.exr" + " --compression lzw", kExitUsage, "piz"},
       // A window that parses but whose image no buffer can hold.
       {"render IN OUT --window=-2147483648,0,2147483647,1", kExitIo, "4.0 GiB"},
