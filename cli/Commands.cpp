@@ -247,6 +247,14 @@ int RunCli(const std::vector<std::string>& args, std::ostream& out, std::ostream
                         "the alpha channel by name, or none (default: the file's alpha, or a "
                         "channel named A or alpha); every other channel is rendered as colour")
       ->type_name("NAME");
+  renderApp->add_option("--channel-filter", render.channelFilters,
+                        "the filter of the channels whose names match a glob, e.g. 'N.*=nearest' "
+                        "(repeatable; the last match wins; default: the --filter for colour and "
+                        "alpha, bilinear for normals, positions and UVs, nearest for depth, "
+                        "motion and IDs)")
+      ->type_name("PATTERN=FILTER")
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+      ->allow_extra_args(false);
   renderApp->add_flag("--add-alpha", render.addAlpha,
                       "write an alpha channel A (the effect's coverage) when the input has none");
   renderApp->add_option("-d", render.dataType,

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "AtomicFile.h"
+#include "ChannelFilters.h"
 #include "Commands.h"
 #include "Frames.h"
 #include "ImageIO.h"
@@ -34,6 +35,7 @@ struct RenderJob {
   std::optional<PF_LRect> window;  // --window
   bool fit = false;
   std::string alpha;
+  std::vector<ChannelFilterRule> channelFilters;
   bool addAlpha = false;
   OutputChoice output;
   bool verbose = false;
@@ -71,6 +73,8 @@ struct FramePlan {
   LensSizes sizes;
   InputFrame frame;
   OutputLayout layout;
+  std::vector<ChannelFilter> channelFilters;  // one per output channel
+  std::vector<Pass> passes;
   OutputPlan outPlan;
   PF_LRect layerRect{};  // the data window in layer pixels
   PF_LRect window{};     // the output rectangle rendered, layer pixels
