@@ -110,8 +110,10 @@ std::string ClippedChannels(const InputImage& input, const FramePlan& plan,
   const size_t n = static_cast<size_t>(px.channels);
   std::vector<bool> clips(n, false), negative(n, false);
   for (const int c : input.colour) {
-    clips[static_cast<size_t>(c)] = IsKernelFilter(plan.channelFilters[static_cast<size_t>(c)].filter);
+    const size_t i = static_cast<size_t>(c);
+    clips[i] = IsKernelFilter(plan.channelFilters[i].filter);
   }
+  if (std::find(clips.begin(), clips.end(), true) == clips.end()) return std::string();
   const float* v = reinterpret_cast<const float*>(px.bytes.data());
   const size_t count = px.bytes.size() / sizeof(float);
   for (size_t i = 0; i < count; ++i) {

