@@ -251,6 +251,11 @@ OIIO::ImageSpec OutputSpec(const InputImage& input, const OutputLayout& layout,
   if (plan.type != input.spec.format || !plan.channelTypes.empty()) {
     spec.erase_attribute("oiio:BitsPerSample");
   }
+  // Without it the PNM writer writes 8 bits whatever the type.
+  if (plan.channelTypes.empty() && !spec.find_attribute("oiio:BitsPerSample") &&
+      (plan.type == TypeDesc::UINT8 || plan.type == TypeDesc::UINT16)) {
+    spec.attribute("oiio:BitsPerSample", static_cast<int>(plan.type.size() * 8));
+  }
   // The input's compression applies only to a file of its own format.
   if (!plan.compression.empty()) {
     spec.attribute("compression", plan.compression);
