@@ -412,6 +412,14 @@ int RunCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
   renderApp->add_flag("--desqueeze", render.desqueeze,
                       "remove of an anamorphic plate: resample the result to square pixels "
                       "(default: keep the plate's pixel aspect)");
+  renderApp->add_option("--channel-filter", render.channelFilters,
+                        "the filter of the channels whose names match a glob, e.g. 'N.*=nearest' "
+                        "(repeatable; the last match wins; default: the --filter for colour and "
+                        "alpha, bilinear for normals, positions and UVs, nearest for depth, "
+                        "motion and IDs)")
+      ->type_name("PATTERN=FILTER")
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+      ->allow_extra_args(false);
   renderApp->add_flag("--add-alpha", render.addAlpha,
                       "write an alpha channel A (the effect's coverage) when the input has none");
   renderApp->add_option("-d", render.dataType,

@@ -30,6 +30,7 @@ struct RenderCommand {
   std::string threads = "0";
   std::string window;  // empty: the default window of the mode
   std::string alpha;   // channel name, "none", or empty: the file's own alpha
+  std::vector<std::string> channelFilters;  // --channel-filter PATTERN=FILTER, in order
   bool addAlpha = false;
   std::string dataType;     // -d
   std::string compression;  // --compression

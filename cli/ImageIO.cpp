@@ -72,25 +72,9 @@ OIIO::TypeDesc BufferTypeOf(Depth depth) {
 
 namespace {
 
-// The file channels of one pass: alpha (-1: opaque) and up to three colour channels (-1:
-// an empty slot, 0).
-struct PassChannels {
-  int alpha;
-  int colour[3];
-};
-
-PassChannels ChannelsOfPass(const InputImage& image, int pass) {
-  PassChannels p{image.alphaIndex, {-1, -1, -1}};
-  for (int s = 0; s < 3; ++s) {
-    const size_t i = static_cast<size_t>(pass) * 3 + s;
-    if (i < image.colour.size()) p.colour[s] = image.colour[i];
-  }
-  return p;
-}
-
 // Interleaved buffer row -> host world row (alpha, red, green, blue).
 template <typename FileT, typename HostT, typename Convert>
-void ToWorldRow(const FileT* in, int width, int channels, const PassChannels& p, HostT opaque,
+void ToWorldRow(const FileT* in, int width, int channels, const Pass& p, HostT opaque,
                 Convert convert, HostT* out) {
   for (int x = 0; x < width; ++x, in += channels, out += 4) {
     out[0] = p.alpha >= 0 ? convert(in[p.alpha]) : opaque;
@@ -98,9 +82,9 @@ void ToWorldRow(const FileT* in, int width, int channels, const PassChannels& p,
   }
 }
 
-// Host world row -> output buffer row: the pass's colour channels, and alpha on pass 0.
+// Host world row -> output buffer row: the pass's colour channels, and alpha at alphaOut.
 template <typename HostT, typename FileT, typename Convert>
-void FromWorldRow(const HostT* in, int width, int channels, const PassChannels& p,
+void FromWorldRow(const HostT* in, int width, int channels, const Pass& p,
                   int alphaOut, Convert convert, FileT* out) {
   for (int x = 0; x < width; ++x, in += 4, out += channels) {
     for (int s = 0; s < 3; ++s) {
@@ -512,10 +496,6 @@ OIIO::ImageSpec CheckWholeImage(const std::string& path) {
   return spec;
 }
 
-int PassCount(const InputImage& image) {
-  return std::max<int>(1, static_cast<int>((image.colour.size() + 2) / 3));
-}
-
 uint64_t FileBufferBytes(long long pixels, int channels, Depth depth) {
   return static_cast<uint64_t>(std::max(pixels, 0LL)) * static_cast<uint64_t>(channels) *
          static_cast<uint64_t>(SampleBytes(depth));
@@ -550,9 +530,8 @@ PixelBuffer ReadPixels(InputImage& image, std::vector<uint8_t> storage) {
 
 bool RecordsWindows(const std::string& format) { return format == "openexr"; }
 
-std::unique_ptr<World> PassLayer(const InputImage& image, const PixelBuffer& px, int pass,
-                                 int originX, int originY, const PF_LRect& rect,
-                                 std::unique_ptr<World> reuse) {
+std::unique_ptr<World> PassLayer(const PixelBuffer& px, const Pass& p, int originX, int originY,
+                                 const PF_LRect& rect, std::unique_ptr<World> reuse) {
   const int w = px.width, h = px.height, n = px.channels;
   const int lw = rect.right - rect.left, lh = rect.bottom - rect.top;
   std::unique_ptr<World> layer = std::move(reuse);
@@ -565,7 +544,6 @@ std::unique_ptr<World> PassLayer(const InputImage& image, const PixelBuffer& px,
     layer = std::make_unique<World>(px.depth, lw, lh, rect.left, rect.top);
   }
   const size_t skip = static_cast<size_t>(originX - rect.left) * hostsim::PixelBytes(px.depth);
-  const PassChannels p = ChannelsOfPass(image, pass);
   const size_t rowSamples = static_cast<size_t>(w) * n;
   ForPixelDepth(px.depth, [&](auto tag) {
     using Samples = FileSamples<decltype(tag)::kBits>;
@@ -613,22 +591,34 @@ OutputLayout ChooseOutputLayout(const InputImage& input, bool addAlpha) {
   return layout;
 }
 
-void CheckWritable(const std::string& path, const OutputLayout& layout) {
-  auto out = OIIO::ImageOutput::create(path);
-  if (!out) throw IoError(FileErrorText(path, OIIO::geterror()));
-  const std::string format = out->format_name();
-  if (layout.alphaIndex >= 0 && !out->supports("alpha")) {
-    throw IoError(path + ": " + format + " files cannot hold an alpha channel (the input has " +
-                  "one, or --add-alpha was given; --alpha none renders it as a colour channel)");
+std::vector<Pass> PlanPasses(const InputImage& input, const OutputLayout& layout,
+                             const std::vector<int>& filters) {
+  std::vector<Pass> passes;
+  std::vector<bool> placed(input.colour.size(), false);
+  for (size_t first = 0; first < input.colour.size(); ++first) {
+    if (placed[first]) continue;
+    const int filter = filters[static_cast<size_t>(input.colour[first])];
+    int slot = 3;
+    for (size_t i = first; i < input.colour.size(); ++i) {
+      if (placed[i] || filters[static_cast<size_t>(input.colour[i])] != filter) continue;
+      if (slot == 3) {
+        passes.push_back(Pass{filter, input.alphaIndex, {-1, -1, -1}, false});
+        slot = 0;
+      }
+      passes.back().colour[slot++] = input.colour[i];
+      placed[i] = true;
+    }
   }
-  // Writers that take any channel count say so; the others hold grey, grey and alpha, RGB or
-  // RGBA (JPEG and Radiance no alpha).
-  const int most = out->supports("alpha") ? 4 : 3;
-  if (!out->supports("nchannels") && layout.channels > most) {
-    throw IoError(path + ": " + format + " files hold at most " + std::to_string(most) +
-                  " channels, the output has " + std::to_string(layout.channels) +
-                  "; write OpenEXR or TIFF instead");
+  if (layout.alphaIndex >= 0) {
+    const int filter = filters[static_cast<size_t>(layout.alphaIndex)];
+    auto own = std::find_if(passes.begin(), passes.end(),
+                            [&](const Pass& p) { return p.filter == filter; });
+    if (own == passes.end()) {
+      own = passes.insert(passes.end(), Pass{filter, input.alphaIndex, {-1, -1, -1}, false});
+    }
+    own->storesAlpha = true;
   }
+  return passes;
 }
 
 PixelBuffer NewOutputBuffer(const InputImage& input, const OutputLayout& layout,
@@ -645,11 +635,10 @@ PixelBuffer NewOutputBuffer(const InputImage& input, const OutputLayout& layout,
   return out;
 }
 
-void StorePass(const InputImage& input, const OutputLayout& layout, int pass,
+void StorePass(const InputImage& /*input*/, const OutputLayout& layout, const Pass& p,
                const World* rendered, const PF_LRect& window, PixelBuffer* out) {
   if (!rendered || rendered->width() <= 0 || rendered->height() <= 0) return;
-  const PassChannels p = ChannelsOfPass(input, pass);
-  const int alphaOut = pass == 0 ? layout.alphaIndex : -1;
+  const int alphaOut = p.storesAlpha ? layout.alphaIndex : -1;
   // The part of the window that the effect rendered, in layer coordinates.
   const long long x0 = std::max<long long>(window.left, rendered->originX());
   const long long y0 = std::max<long long>(window.top, rendered->originY());

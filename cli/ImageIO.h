@@ -3,8 +3,9 @@
 // 8-bit files travel at 8 bits, 16-bit files at 16 bits (the host's range is 0..32768), and
 // every other sample type in 32-bit float. The host's pixels hold an alpha and three colour
 // slots; an image with any number of channels goes through the effect in passes, each pass
-// carrying up to three of its non-alpha channels in the colour slots and its alpha (or an
-// opaque one) in the alpha slot, so that only the alpha channel is ever treated as alpha.
+// rendering up to three of its non-alpha channels that share a filter (ChannelFilters.h) in
+// the colour slots and its alpha (or an opaque one) in the alpha slot, so that only the alpha
+// channel is ever treated as alpha.
 // Values pass through unchanged: nothing is premultiplied or un-premultiplied on the way.
 //
 // Windows: positions in a file are those of its data window (the pixels it holds) and display
@@ -63,9 +64,6 @@ InputImage OpenInputImage(const std::string& path, const std::string& alpha);
 // such check by reading every pixel. Throws CliError(kExitIo) saying what is wrong.
 OIIO::ImageSpec CheckWholeImage(const std::string& path);
 
-// Passes through the effect: ceil(colour channels / 3), at least 1.
-int PassCount(const InputImage& image);
-
 // Every channel of the image, interleaved, in the host's sample type (8-bit, 16-bit file
 // values, or float).
 struct PixelBuffer {
@@ -77,12 +75,20 @@ struct PixelBuffer {
 // a buffer to read into (its bytes are overwritten), so that a sequence reuses its buffers:
 // the first touch of fresh memory costs a page fault for every 4 KiB.
 PixelBuffer ReadPixels(InputImage& image, std::vector<uint8_t> storage = {});
+// One render through the effect: its filter, the file channels in the colour slots (-1: an
+// empty slot, 0) and in the alpha slot (the image's alpha in every pass; -1: opaque), and
+// whether the output's alpha channel is taken from this pass.
+struct Pass {
+  int filter = 0;
+  int alpha = -1;
+  int colour[3] = {-1, -1, -1};
+  bool storesAlpha = false;
+};
 // The host world of one pass covering `layer` (layer coordinates), the pixels placed at
 // (originX, originY) in it and transparent black around them; `reuse` is filled instead of a
 // new world when it covers the same rectangle at the same depth.
-std::unique_ptr<hostsim::World> PassLayer(const InputImage& image, const PixelBuffer& pixels,
-                                          int pass, int originX, int originY,
-                                          const PF_LRect& layer,
+std::unique_ptr<hostsim::World> PassLayer(const PixelBuffer& pixels, const Pass& pass,
+                                          int originX, int originY, const PF_LRect& layer,
                                           std::unique_ptr<hostsim::World> reuse = nullptr);
 
 // Bytes of one interleaved buffer and of one host world.
@@ -100,6 +106,13 @@ struct OutputLayout {
 };
 OutputLayout ChooseOutputLayout(const InputImage& input, bool addAlpha);
 
+// The passes of an image whose output channel c is rendered with filters[c]: the non-alpha
+// channels grouped by filter (groups in the order of their first channel, three channels a
+// pass in file order); the output's alpha comes from the first pass of its own filter, or
+// from a pass of its own when no other channel shares that filter.
+std::vector<Pass> PlanPasses(const InputImage& input, const OutputLayout& layout,
+                             const std::vector<int>& filters);
+
 // An empty (zero) output buffer covering `window` (layer coordinates) in the input's host
 // type, in `storage` when given.
 PixelBuffer NewOutputBuffer(const InputImage& input, const OutputLayout& layout,
@@ -109,8 +122,8 @@ PixelBuffer NewOutputBuffer(const InputImage& input, const OutputLayout& layout,
 PixelBuffer StretchWidth(const PixelBuffer& pixels, int width);
 
 // Copies the channels of one pass from `rendered` (placed in the layer at its origin; may be
-// null) into the output buffer covering `window`; the alpha slot is taken from pass 0.
-void StorePass(const InputImage& input, const OutputLayout& layout, int pass,
+// null) into the output buffer covering `window`, its alpha slot when the pass stores alpha.
+void StorePass(const InputImage& input, const OutputLayout& layout, const Pass& pass,
                const hostsim::World* rendered, const PF_LRect& window, PixelBuffer* out);
 
 // Writes one image with `writer` (created for `path`; destroyed here) and fails
@@ -121,10 +134,6 @@ void WriteImageFile(std::unique_ptr<OIIO::ImageOutput> writer, const std::string
                     const std::string& shownPath, const OIIO::ImageSpec& spec,
                     OIIO::TypeDesc type, const void* pixels,
                     OIIO::TypeDesc* writtenType = nullptr);
-
-// Fails early (CliError(kExitIo)) when no writer exists for the name's extension or the
-// format cannot hold the layout's channels.
-void CheckWritable(const std::string& path, const OutputLayout& layout);
 
 // Turns OpenImageIO's message into one line that names the file.
 std::string FileError(const std::string& path, const std::string& why);

@@ -117,16 +117,16 @@ int ParseMode(const std::string& text) {
   throw UsageError("--mode: expected remove or apply, got " + Quoted(text));
 }
 
-int ParseFilter(const std::string& text) {
+int ParseFilter(const std::string& text, const std::string& option) {
   static const char* const kNames[] = {"builtin", "nearest", "bilinear",
                                        "lanczos2", "lanczos3", "mitchell"};
   const std::string s = Lower(text);
   for (int i = 0; i < kFilterChoices; ++i) {
     if (s == kNames[i]) return kFilterBuiltIn + i;
   }
-  throw UsageError(
-      "--filter: expected builtin, nearest, bilinear, lanczos2, lanczos3 or mitchell, got " +
-      Quoted(text));
+  throw UsageError(option +
+                   ": expected builtin, nearest, bilinear, lanczos2, lanczos3 or mitchell, got " +
+                   Quoted(text));
 }
 
 const char* ModeName(int mode) { return mode == kModeApply ? "Apply" : "Remove"; }

@@ -38,8 +38,9 @@ PF_LRect ParseRect(const std::string& option, const std::string& text);
 int ParseInt(const std::string& option, const std::string& text, int min, int max);
 // "remove" -> 1, "apply" -> 2 (case-insensitive).
 int ParseMode(const std::string& text);
-// "builtin", "nearest", "bilinear", "lanczos2", "lanczos3", "mitchell" -> 1..6.
-int ParseFilter(const std::string& text);
+// "builtin", "nearest", "bilinear", "lanczos2", "lanczos3", "mitchell" -> 1..6; `option`
+// names the value in messages.
+int ParseFilter(const std::string& text, const std::string& option = "--filter");
 // Lanczos-2, Lanczos-3 and Mitchell-Netravali: the filters that clip what they compute.
 inline bool IsKernelFilter(int filter) { return filter >= 4 && filter <= 6; }
 const char* ModeName(int mode);      // the effect's own popup text ("Remove", "Apply")

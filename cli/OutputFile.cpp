@@ -21,40 +21,93 @@ std::string TypeName(TypeDesc type) {
 
 namespace {
 
-// The sample types each writer holds (OpenImageIO 2.4); formats not listed are given the
-// input's type and the writer's own choice is reported afterwards.
+// What each writer of OpenImageIO 2.4 holds, as tried on every writer it has: the sample types
+// it writes as given, and the channel counts it writes whole (0: any). Beyond these counts
+// the writers fail late, write fewer channels than given (JPEG, 2 or 4 channels: 3), or abort
+// the process (DPX at 2 or 5 and more, FITS at 5 and more). Formats not listed are given the
+// input's type and any channel count; the writer's own choice is reported afterwards.
 struct FormatTypes {
   const char* format;
   std::vector<TypeDesc::BASETYPE> types;
+  std::vector<int> channels;
+  const char* name;  // for messages
 };
 const std::vector<FormatTypes>& KnownFormats() {
   static const std::vector<FormatTypes> kFormats = {
-      {"openexr", {TypeDesc::HALF, TypeDesc::FLOAT}},
-      {"tiff", {TypeDesc::UINT8, TypeDesc::UINT16, TypeDesc::FLOAT}},
-      {"dpx", {TypeDesc::UINT8, TypeDesc::UINT16, TypeDesc::FLOAT}},
-      {"png", {TypeDesc::UINT8, TypeDesc::UINT16}},
-      {"sgi", {TypeDesc::UINT8, TypeDesc::UINT16}},
-      {"pnm", {TypeDesc::UINT8, TypeDesc::UINT16}},
-      {"jpeg2000", {TypeDesc::UINT8, TypeDesc::UINT16}},
-      {"iff", {TypeDesc::UINT8, TypeDesc::UINT16}},
-      {"rla", {TypeDesc::UINT8, TypeDesc::UINT16, TypeDesc::FLOAT}},
-      {"hdr", {TypeDesc::FLOAT}},
-      {"jpeg", {TypeDesc::UINT8}},
-      {"bmp", {TypeDesc::UINT8}},
-      {"targa", {TypeDesc::UINT8}},
-      {"webp", {TypeDesc::UINT8}},
-      {"gif", {TypeDesc::UINT8}},
-      {"ico", {TypeDesc::UINT8}},
-      {"heif", {TypeDesc::UINT8}},
+      {"openexr", {TypeDesc::HALF, TypeDesc::FLOAT}, {0}, "OpenEXR"},
+      {"tiff", {TypeDesc::UINT8, TypeDesc::UINT16, TypeDesc::FLOAT}, {0}, "TIFF"},
+      {"rla", {TypeDesc::UINT8, TypeDesc::UINT16, TypeDesc::FLOAT}, {0}, "RLA"},
+      {"sgi", {TypeDesc::UINT8, TypeDesc::UINT16}, {0}, "SGI"},
+      {"dpx", {TypeDesc::UINT8, TypeDesc::UINT16, TypeDesc::FLOAT}, {1, 3, 4}, "DPX"},
+      {"png", {TypeDesc::UINT8, TypeDesc::UINT16}, {1, 2, 3, 4}, "PNG"},
+      {"fits", {TypeDesc::UINT8, TypeDesc::FLOAT}, {1, 2, 3, 4}, "FITS"},
+      {"targa", {TypeDesc::UINT8}, {1, 2, 3, 4}, "Targa"},
+      {"ico", {TypeDesc::UINT8}, {1, 2, 3, 4}, "ICO"},
+      {"bmp", {TypeDesc::UINT8}, {1, 3, 4}, "BMP"},
+      {"jpeg2000", {TypeDesc::UINT8, TypeDesc::UINT16}, {1, 3, 4}, "JPEG 2000"},
+      {"pnm", {TypeDesc::UINT8, TypeDesc::UINT16}, {1, 3}, "PNM"},
+      {"jpeg", {TypeDesc::UINT8}, {1, 3}, "JPEG"},
+      {"iff", {TypeDesc::UINT8, TypeDesc::UINT16}, {3, 4}, "IFF"},
+      {"gif", {TypeDesc::UINT8}, {3, 4}, "GIF"},
+      {"heif", {TypeDesc::UINT8}, {3, 4}, "HEIF"},
+      {"webp", {TypeDesc::UINT8}, {3, 4}, "WebP"},
+      {"hdr", {TypeDesc::FLOAT}, {3}, "Radiance HDR"},
+      {"zfile", {TypeDesc::FLOAT}, {1}, "Zfile"},
   };
   return kFormats;
 }
+
+// Writers that write no file (the "null" writer, the terminal viewer).
+bool WritesNoFile(const std::string& format) { return format == "null" || format == "term"; }
 
 const FormatTypes* TypesOf(const std::string& format) {
   for (const FormatTypes& f : KnownFormats()) {
     if (format == f.format) return &f;
   }
   return nullptr;
+}
+
+// "1, 3 or 4".
+std::string CountsText(const std::vector<int>& counts) {
+  std::string text;
+  for (size_t i = 0; i < counts.size(); ++i) {
+    text += (i == 0 ? "" : i + 1 == counts.size() ? " or " : ", ") + std::to_string(counts[i]);
+  }
+  return text;
+}
+
+// Refuses (CliError(kExitIo)) an output whose format has no writer, writes no file, or cannot
+// hold the layout's channels: their number, or an alpha channel.
+void CheckChannels(const std::string& path, OIIO::ImageOutput& out, const OutputLayout& layout) {
+  const std::string format = out.format_name();
+  const FormatTypes* known = TypesOf(format);
+  const std::string name = known ? known->name : format;
+  if (WritesNoFile(format)) {
+    throw IoError(path + ": the " + format + " writer writes no image file");
+  }
+  if (layout.alphaIndex >= 0 && !out.supports("alpha")) {
+    throw IoError(path + ": " + name + " files cannot hold an alpha channel (the input has " +
+                  "one, or --add-alpha was given; --alpha none renders it as a colour channel)");
+  }
+  const std::string has = "; the output has " + std::to_string(layout.channels) +
+                          (layout.channels == 1 ? " channel" : " channels");
+  if (known) {
+    const std::vector<int>& counts = known->channels;
+    if (counts.front() == 0 ||
+        std::find(counts.begin(), counts.end(), layout.channels) != counts.end()) {
+      return;
+    }
+    throw IoError(path + ": " + name + " files hold " + CountsText(counts) +
+                  (counts == std::vector<int>{1} ? " channel" : " channels") + has +
+                  (layout.channels > counts.back() ? "; write OpenEXR or TIFF instead" : ""));
+  }
+  // Other writers that take any channel count say so; the others hold grey, grey and alpha,
+  // RGB or RGBA.
+  const int most = out.supports("alpha") ? 4 : 3;
+  if (!out.supports("nchannels") && layout.channels > most) {
+    throw IoError(path + ": " + name + " files hold at most " + std::to_string(most) +
+                  " channels" + has + "; write OpenEXR or TIFF instead");
+  }
 }
 
 bool Holds(const FormatTypes* f, TypeDesc::BASETYPE t) {
@@ -110,10 +163,11 @@ bool KnownCompression(const std::string& format, const std::string& name,
 
 OutputPlan PlanOutput(const std::string& path, const InputImage& input,
                       const OutputLayout& layout, const OutputChoice& choice) {
-  CheckWritable(path, layout);
   OutputPlan plan;
   {
     auto out = OIIO::ImageOutput::create(path);
+    if (!out) throw IoError(FileError(path, OIIO::geterror()));
+    CheckChannels(path, *out, layout);
     plan.format = out->format_name();
     plan.windows = RecordsWindows(plan.format);
     if (!choice.compression.empty()) {
@@ -196,6 +250,11 @@ OIIO::ImageSpec OutputSpec(const InputImage& input, const OutputLayout& layout,
   // A bit depth recorded by the reader (10-bit DPX) holds only for the same sample type.
   if (plan.type != input.spec.format || !plan.channelTypes.empty()) {
     spec.erase_attribute("oiio:BitsPerSample");
+  }
+  // Without it the PNM writer writes 8 bits whatever the type.
+  if (plan.channelTypes.empty() && !spec.find_attribute("oiio:BitsPerSample") &&
+      (plan.type == TypeDesc::UINT8 || plan.type == TypeDesc::UINT16)) {
+    spec.attribute("oiio:BitsPerSample", static_cast<int>(plan.type.size() * 8));
   }
   // The input's compression applies only to a file of its own format.
   if (!plan.compression.empty()) {

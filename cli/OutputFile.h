@@ -28,7 +28,8 @@ struct OutputPlan {
 };
 
 // Throws CliError(kExitUsage) for an unknown -d or compression name, CliError(kExitIo) when
-// the format has no writer, cannot hold the channels or the chosen type.
+// the format has no writer, writes no file, or cannot hold the channels (their number, an
+// alpha) or the chosen type: every writer's limits, checked before any pixel is read.
 OutputPlan PlanOutput(const std::string& path, const InputImage& input,
                       const OutputLayout& layout, const OutputChoice& choice);
 

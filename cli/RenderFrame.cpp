@@ -37,6 +37,7 @@ RenderJob MakeRenderJob(const RenderCommand& command, const std::string& plugin)
   job.fit = command.fit;
   job.desqueeze = command.desqueeze;
   job.alpha = command.alpha;
+  job.channelFilters = ParseChannelFilters(command.channelFilters);
   job.addAlpha = command.addAlpha;
   job.output = OutputChoice{command.dataType, command.compression};
   job.verbose = command.verbose;
@@ -142,17 +143,28 @@ bool AnyAlpha(const hostsim::World* w) {
   return false;
 }
 
-// True when a float image holds a negative value in a channel other than alpha.
-bool HasNegativeColour(const InputImage& input, const PixelBuffer& px) {
-  if (px.depth != Depth::kFloat) return false;
-  const float* v = reinterpret_cast<const float*>(px.bytes.data());
-  const size_t n = px.bytes.size() / sizeof(float);
-  for (size_t i = 0; i < n; ++i) {
-    if (v[i] < 0.0f && static_cast<int>(i % static_cast<size_t>(px.channels)) != input.alphaIndex) {
-      return true;
-    }
+// The non-alpha channels of a float image that a kernel filter renders and that hold a
+// negative value, which that filter clips to 0.
+std::string ClippedChannels(const InputImage& input, const FramePlan& plan,
+                            const PixelBuffer& px) {
+  if (px.depth != Depth::kFloat) return std::string();
+  const size_t n = static_cast<size_t>(px.channels);
+  std::vector<bool> clips(n, false), negative(n, false);
+  for (const int c : input.colour) {
+    const size_t i = static_cast<size_t>(c);
+    clips[i] = IsKernelFilter(plan.channelFilters[i].filter);
   }
-  return false;
+  if (std::find(clips.begin(), clips.end(), true) == clips.end()) return std::string();
+  const float* v = reinterpret_cast<const float*>(px.bytes.data());
+  const size_t count = px.bytes.size() / sizeof(float);
+  for (size_t i = 0; i < count; ++i) {
+    if (v[i] < 0.0f && clips[i % n]) negative[i % n] = true;
+  }
+  std::string names;
+  for (size_t c = 0; c < n; ++c) {
+    if (negative[c]) names += (names.empty() ? "" : ", ") + plan.layout.names[c];
+  }
+  return names;
 }
 
 bool SameParams(const hostsim::ParamValues& a, const hostsim::ParamValues& b) {
@@ -183,6 +195,18 @@ FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& no
   }
   plan.layout = ChooseOutputLayout(input, job.addAlpha);
   plan.outPlan = PlanOutput(files.output, input, plan.layout, job.output);
+  plan.channelFilters = ChooseChannelFilters(plan.layout.names, plan.layout.alphaIndex,
+                                             plan.settings.filter, job.channelFilters);
+  std::vector<int> filters;
+  for (const ChannelFilter& f : plan.channelFilters) filters.push_back(f.filter);
+  plan.passes = PlanPasses(input, plan.layout, filters);
+  for (size_t r = 0; r < job.channelFilters.size(); ++r) {
+    if (std::none_of(plan.channelFilters.begin(), plan.channelFilters.end(),
+                     [&](const ChannelFilter& f) { return f.rule == static_cast<int>(r); })) {
+      notes("warning: --channel-filter " + job.channelFilters[r].text +
+            " sets no channel (no channel name matches, or a later pattern takes them all)");
+    }
+  }
   plan.dataRect = Offset(input.dataWindow, -plan.frame.originX, -plan.frame.originY);
   plan.layerRect = LayerPixels(input, plan.frame);
   const long long layerPixels = CheckedPixels(plan.layerRect, input.depth, "the input layer");
@@ -304,11 +328,10 @@ ReadFrame ReadFrameFiles(const RenderJob& job, OutputFramePlanner& planner, Note
   const long long dataPixels = RectArea(frame.plan.dataRect);
   frame.pixels = ReadPixels(
       frame.input, pool.Take(FileBufferBytes(dataPixels, frame.input.channels, frame.input.depth)));
-  if (IsKernelFilter(frame.plan.settings.filter) &&
-      HasNegativeColour(frame.input, frame.pixels)) {
-    notes("warning: the input holds negative values, which the " +
-          std::string(FilterName(frame.plan.settings.filter)) +
-          " filter clips to 0 in float images; nearest, bilinear and builtin keep them");
+  if (const std::string clipped = ClippedChannels(frame.input, frame.plan, frame.pixels);
+      !clipped.empty()) {
+    notes("warning: negative values in " + clipped + ", which the kernel filters (lanczos2, " +
+          "lanczos3, mitchell) clip to 0; --channel-filter NAME=bilinear keeps them");
   }
   return frame;
 }
@@ -327,10 +350,14 @@ RenderedFrame FrameRenderer::Render(ReadFrame frame, Notes& notes, BufferPool& p
   out.result = NewOutputBuffer(
       frame.input, plan.layout, plan.window,
       pool.Take(FileBufferBytes(RectArea(plan.window), plan.layout.channels, frame.input.depth)));
-  out.passes = PassCount(frame.input);
+  out.passes = static_cast<int>(plan.passes.size());
   for (int pass = 0; pass < out.passes; ++pass) {
-    layer_ = PassLayer(frame.input, frame.pixels, pass, plan.dataRect.left, plan.dataRect.top,
-                       plan.layerRect, std::move(layer_));
+    const Pass& p = plan.passes[static_cast<size_t>(pass)];
+    layer_ = PassLayer(frame.pixels, p, plan.dataRect.left, plan.dataRect.top, plan.layerRect,
+                       std::move(layer_));
+    hostsim::ParamValues params = plan.params;
+    params.filter = p.filter;
+    session_->SetParams(params);
     session_->SetInputLayer(layer_.get());
     session_->PreRender(plan.window);
     output_ = session_->Render(std::move(output_));
@@ -338,7 +365,7 @@ RenderedFrame FrameRenderer::Render(ReadFrame frame, Notes& notes, BufferPool& p
       notes("warning: the result is fully transparent: no pixel of the input reaches the output" +
             std::string(plan.settings.zoom == 0.0 ? " (--zoom 0)" : ""));
     }
-    StorePass(frame.input, plan.layout, pass, output_.get(), plan.window, &out.result);
+    StorePass(frame.input, plan.layout, p, output_.get(), plan.window, &out.result);
   }
   session_->SetInputLayer(nullptr);
   session_->SetRowProgress(nullptr);
@@ -366,6 +393,12 @@ void WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, BufferP
   const LensSettings& settings = plan.settings;
   OIIO::ParamValueList header;
   header.attribute("Software", std::string("veltrisca ") + kToolVersion);
+  if (std::any_of(plan.channelFilters.begin(), plan.channelFilters.end(),
+                  [&](const ChannelFilter& f) { return f.filter != settings.filter; })) {
+    header.attribute("veltrisca:channelFilters",
+                     ChannelFiltersText(plan.layout.names, plan.channelFilters,
+                                        job.channelFilters, false));
+  }
   if (plan.stretch == 1) {
     RecordLens(settings, plan.sizes, &header);
   } else {
@@ -411,6 +444,9 @@ void WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, BufferP
                                       : "pixel aspect " + Number(settings.pixelAspect) +
                                             (plan.stretch != 1 ? " (desqueezed), " : ", "))
       << frame.passes << (frame.passes == 1 ? " pass, " : " passes, ") << time << "\n";
+  out << "  filters: "
+      << ChannelFiltersText(plan.layout.names, plan.channelFilters, job.channelFilters, true)
+      << "\n";
   for (size_t i = plan.outPlan.notes.size(); i < written.size(); ++i) {
     out << "  " << written[i] << "\n";
   }

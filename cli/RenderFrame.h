@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "AtomicFile.h"
+#include "ChannelFilters.h"
 #include "Commands.h"
 #include "Frames.h"
 #include "ImageIO.h"
@@ -36,6 +37,7 @@ struct RenderJob {
   bool fit = false;
   bool desqueeze = false;
   std::string alpha;
+  std::vector<ChannelFilterRule> channelFilters;
   bool addAlpha = false;
   OutputChoice output;
   bool verbose = false;
@@ -73,6 +75,8 @@ struct FramePlan {
   LensSizes sizes;
   InputFrame frame;
   OutputLayout layout;
+  std::vector<ChannelFilter> channelFilters;  // one per output channel
+  std::vector<Pass> passes;
   OutputPlan outPlan;
   PF_LRect dataRect{};   // the data window in layer pixels
   PF_LRect layerRect{};  // the input layer: the data window and a black margin (LayerPixels)

@@ -46,6 +46,8 @@ class EffectSession {
 
   // The effect's about text, as it wrote it.
   const std::string& about() const { return about_; }
+  // The parameter values the next smart pre-render checks out (a pass's filter).
+  void SetParams(const hostsim::ParamValues& params) { host_.params = params; }
   // The input layer (not owned; must outlive the session's renders).
   void SetInputLayer(const hostsim::World* layer) { host_.SetInputLayer(layer); }
   // Called on the render threads as rows are done (see hostsim::Host::rowProgress).

@@ -162,7 +162,7 @@ TEST(CommandLine, RefusalsSayWhyOnOneLineAndTouchNoFile) {
       {"render IN OUT -d half", kExitIo, "cannot hold half"},
       {"render IN " + dir / "o.jpg", kExitIo, "alpha"},
       {"render IN " + dir / "o.xyz", kExitIo, "o.xyz"},
-      {"render " + dir / "five.tif" + " OUT", kExitIo, "at most 4 channels"},
+      {"render " + dir / "five.tif" + " OUT", kExitIo, "hold 1, 2, 3 or 4 channels"},
       {"render IN OUT --plugin " + dir / "nope.so", kExitEffect, "nope.so"},
       {"info --plugin " + dir / "nope.so", kExitEffect, "nope.so"},
   };
