@@ -26,6 +26,7 @@
 #include "RenderSequence.h"
 #include "Session.h"
 #include "StMap.h"
+#include "solve/Solve.h"
 
 namespace veltrisca {
 
@@ -479,6 +480,8 @@ int RunCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
   AddVerbosity(lensApp, &lensVerbose, &lens.quiet,
                "with -o: print what was written and the time (an import always reports)");
 
+  const auto solveCli = solve::AddSolveCommand(&app);
+
   if (const std::string unknown = UnknownCommand(app, args); !unknown.empty()) {
     err << "veltrisca: unknown command '" << MessageLine(unknown) << "' (commands: "
         << CommandNames(app) << "; see veltrisca --help)\n";
@@ -530,6 +533,7 @@ int RunCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
       }
       return code;
     }
+    if (*solveCli->app) return solve::RunSolve(solveCli->command, out, err);
     const int code = RunChart(chart);
     if (chart.verbose && !chart.quiet) ReportWritten(chart.output, true, started, out);
     return code;
