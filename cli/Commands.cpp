@@ -107,7 +107,7 @@ int RunRender(const RenderCommand& command, const std::string& plugin, std::ostr
 
 int RunChart(const ChartCommand& command) {
   const ImageSize size = ParseSize("--size", command.size);
-  WriteChart(command.output, size, command.depth);
+  WriteChart(command.output, size, command.depth, command.board);
   return kExitOk;
 }
 
@@ -444,6 +444,10 @@ int RunCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
   chartApp->add_option("--depth", chart.depth,
                        "8, 16, half or float (default: half for .exr, float for .hdr, else 8)")
       ->type_name("D");
+  chartApp->add_option("--board", chart.board,
+                       "a chessboard for solve instead: COLSxROWS inner corners (9x6: 10 x 7 "
+                       "squares), in a white margin, its count printed below it")
+      ->type_name("COLSxROWS");
   AddVerbosity(chartApp, &chart.verbose, &chart.quiet, "print what was written and the time");
 
   StMapCommand stmap;

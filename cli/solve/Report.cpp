@@ -134,9 +134,12 @@ void Dot(ImageBuf& img, Point p, int radius, const float* colour) {
   IBA::render_box(img, x - radius, y - radius, x + radius, y + radius, {colour, 3}, true);
 }
 
-// Text where a font is found; a picture without its labels otherwise.
+// Text in DejaVu Sans (Debian's fonts-dejavu-core), else in OpenImageIO's default font; a
+// picture without its labels when neither is found.
 void Label(ImageBuf& img, int x, int y, const std::string& text, int size, const float* colour) {
-  if (!IBA::render_text(img, x, y, text, size, "", {colour, 3})) OIIO::geterror();
+  if (IBA::render_text(img, x, y, text, size, "DejaVuSans", {colour, 3})) return;
+  img.geterror();
+  if (!IBA::render_text(img, x, y, text, size, "", {colour, 3})) img.geterror();
 }
 
 void Save(const ImageBuf& img, const std::string& path) {
@@ -175,11 +178,9 @@ ImageBuf PhotoPicture(const Solution& s, const Photo& photo, int source, double 
       img.setpixel(x, y, rgb, 3);
     }
   }
-  const double h = f.height / 2.0;
   const auto toPixel = [&](Point centred) {
     return Point{s.lens.cx + centred.x / f.pixelAspect, s.lens.cy + centred.y};
   };
-  (void)h;
   for (const WorldLine& line : s.lines) {
     if (line.source != source) continue;
     const LineResiduals fit = Straighten(f, s.lens, line);
