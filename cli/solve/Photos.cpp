@@ -136,8 +136,6 @@ std::vector<cv::Point2f> Search(const cv::Mat& grey, cv::Size pattern) {
   corners.clear();
   if (cv::findChessboardCorners(grey, pattern, corners,
                                 cv::CALIB_CB_ADAPTIVE_THRESH | cv::CALIB_CB_NORMALIZE_IMAGE)) {
-    cv::cornerSubPix(grey, corners, cv::Size(5, 5), cv::Size(-1, -1),
-                     cv::TermCriteria(cv::TermCriteria::EPS + cv::TermCriteria::COUNT, 40, 0.001));
     return corners;
   }
   return {};
@@ -148,34 +146,53 @@ std::vector<cv::Point2f> Search(const cv::Mat& grey, cv::Size pattern) {
 std::vector<Point> FindBoard(const cv::Mat& grey, Board board) {
   const cv::Size pattern(board.cols, board.rows);
   const int side = std::max(grey.cols, grey.rows);
+  const double scale = side <= kSearchSide ? 1.0 : static_cast<double>(kSearchSide) / side;
   std::vector<cv::Point2f> corners;
-  if (side <= kSearchSide) {
+  if (scale == 1.0) {
     corners = Search(grey, pattern);
   } else {
-    const double scale = static_cast<double>(kSearchSide) / side;
     cv::Mat small;
     cv::resize(grey, small, cv::Size(), scale, scale, cv::INTER_AREA);
     corners = Search(small, pattern);
-    if (!corners.empty()) {
-      // Back to full size (pixel centres at indices on both sides), then refined there with a
-      // window of a third of the smallest corner spacing.
-      double spacing = HUGE_VAL;
-      for (int r = 0; r < board.rows; ++r) {
-        for (int c = 0; c + 1 < board.cols; ++c) {
-          const cv::Point2f d = corners[r * board.cols + c + 1] - corners[r * board.cols + c];
-          spacing = std::min(spacing, std::hypot(d.x, d.y) / scale);
-        }
-      }
-      for (cv::Point2f& p : corners) {
-        p.x = static_cast<float>((p.x + 0.5) / scale - 0.5);
-        p.y = static_cast<float>((p.y + 0.5) / scale - 0.5);
-      }
-      const int half = std::clamp(static_cast<int>(spacing / 3), 3, 30);
-      cv::cornerSubPix(grey, corners, cv::Size(half, half), cv::Size(-1, -1),
-                       cv::TermCriteria(cv::TermCriteria::EPS + cv::TermCriteria::COUNT, 60,
-                                        0.001));
+    for (cv::Point2f& p : corners) {  // pixel centres at indices on both sizes
+      p.x = static_cast<float>((p.x + 0.5) / scale - 0.5);
+      p.y = static_cast<float>((p.y + 0.5) / scale - 0.5);
     }
   }
+  if (corners.empty()) return {};
+  // Refined at full size by OpenCV's saddle-point search, in a window of a third of the
+  // smallest corner spacing (the window must not reach the next corner).
+  double spacing = HUGE_VAL;
+  for (int r = 0; r < board.rows; ++r) {
+    for (int c = 0; c + 1 < board.cols; ++c) {
+      const cv::Point2f d = corners[r * board.cols + c + 1] - corners[r * board.cols + c];
+      spacing = std::min(spacing, std::hypot(double(d.x), double(d.y)));
+    }
+  }
+  for (int c = 0; c < board.cols; ++c) {
+    for (int r = 0; r + 1 < board.rows; ++r) {
+      const cv::Point2f d = corners[(r + 1) * board.cols + c] - corners[r * board.cols + c];
+      spacing = std::min(spacing, std::hypot(double(d.x), double(d.y)));
+    }
+  }
+  // Corners whose window would leave the photo keep the detector's position: the search
+  // would see the border as an edge.
+  const int half = std::clamp(static_cast<int>(spacing / 3), 2, 30);
+  std::vector<cv::Point2f> inside;
+  std::vector<size_t> at;
+  for (size_t i = 0; i < corners.size(); ++i) {
+    const cv::Point2f& p = corners[i];
+    if (p.x - half - 2 >= 0 && p.y - half - 2 >= 0 && p.x + half + 2 < grey.cols &&
+        p.y + half + 2 < grey.rows) {
+      inside.push_back(p);
+      at.push_back(i);
+    }
+  }
+  if (!inside.empty()) {
+    cv::cornerSubPix(grey, inside, cv::Size(half, half), cv::Size(-1, -1),
+                     cv::TermCriteria(cv::TermCriteria::EPS + cv::TermCriteria::COUNT, 60, 0.001));
+  }
+  for (size_t k = 0; k < at.size(); ++k) corners[at[k]] = inside[k];
   std::vector<Point> points;
   for (const cv::Point2f& p : corners) points.push_back({p.x, p.y});
   return points;

@@ -140,8 +140,20 @@ LineResiduals Straighten(const SolveFrame& frame, const RadialLens& lens, const 
   }
   out.direction = dir;
   out.distances.resize(n);
+  out.toDistorted.resize(n);
   for (size_t i = 0; i < n; ++i) {
     out.distances[i] = -dir.y * (q[i].x - out.centre.x) + dir.x * (q[i].y - out.centre.y);
+    // The lens stretches a step across the line by P'(u) radially and by r/u around the
+    // centre (u the undistorted radius, in units of half the height).
+    const double h = frame.height / 2.0;
+    const double u = std::hypot(q[i].x, q[i].y) / h;
+    if (u <= 0) {
+      out.toDistorted[i] = 1;
+      continue;
+    }
+    const double nr = (-dir.y * q[i].x + dir.x * q[i].y) / (u * h);  // normal . radial
+    const double radial = LensSlope(lens, u) * nr, around = LensP(lens, u) / u;
+    out.toDistorted[i] = std::sqrt(radial * radial + around * around * (1 - nr * nr));
   }
   return out;
 }
@@ -217,7 +229,8 @@ class StraightnessCost : public cv::LMSolver::Callback {
   void Residuals(const double* p, double* out) const {
     const RadialLens lens = LensOf(frame_, terms_, freeCentre_, p);
     for (const WorldLine& line : lines_) {
-      for (const double d : Straighten(frame_, lens, line).distances) *out++ = d;
+      const LineResiduals r = Straighten(frame_, lens, line);
+      for (size_t i = 0; i < r.distances.size(); ++i) *out++ = r.distances[i] * r.toDistorted[i];
     }
   }
 
@@ -263,10 +276,9 @@ std::string LensProblem(const SolveFrame& frame, const RadialLens& lens) {
   }
   const double corner = frame.CornerRadius();
   const double limit = RisingLimit(lens);
-  if (limit < corner || (limit < 64 && LensP(lens, limit) < corner)) {
+  if (limit < corner) {
     return "the lens folds inside the frame: P rises only to u = " + Num(limit, 3) +
-           " (r = " + Num(LensP(lens, limit), 3) + "), the frame's corner lies at radius " +
-           Num(corner, 3);
+           ", the frame's corner lies at radius " + Num(corner, 3);
   }
   return std::string();
 }

@@ -60,9 +60,13 @@ Point DistortedPixel(const SolveFrame& frame, const RadialLens& lens, Point undi
 
 // The best straight line through a line's undistorted points and each point's signed distance
 // from it, in square pixels.
+// `toDistorted` turns each distance into the distance the lens made of it on the photo (the
+// fit minimises those: distances after the lens alone would reward a lens that shrinks the
+// picture, and bias the fit towards pincushion).
 struct LineResiduals {
   Point centre, direction;  // undistorted square-pixel space centred on the lens
   std::vector<double> distances;
+  std::vector<double> toDistorted;
 };
 LineResiduals Straighten(const SolveFrame& frame, const RadialLens& lens, const WorldLine& line);
 
@@ -79,8 +83,7 @@ RadialLens FitLens(const SolveFrame& frame, const std::vector<WorldLine>& lines,
                    bool freeCentre);
 
 // Why a lens cannot be written, "" when it can: a coefficient beyond the sliders' range, or P
-// not rising up to the frame's corner (in the undistorted frame, and as far as the distorted
-// frame's corner reaches).
+// not rising up to the frame's corner radius (Remove would fold the undistorted frame).
 std::string LensProblem(const SolveFrame& frame, const RadialLens& lens);
 
 // The terms the data supports: every combination that keeps distortion (distortion;

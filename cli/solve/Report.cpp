@@ -107,7 +107,12 @@ std::string ReportText(const Solution& s) {
   } else {
     t += "monotonic limit: P rises to u = " + Num(limit, 4) + " (r = " +
          Num(LensP(s.lens, limit), 4) + "), " + Num(limit / corner, 2) +
-         " times the frame's corner radius " + Num(corner, 4) + "\n";
+         " times the frame's corner radius " + Num(corner, 4) +
+         (LensP(s.lens, limit) < corner
+              ? "; the distorted frame's corners lie beyond r, so a remove of the whole plate "
+                "(render --fit) cannot undo them"
+              : "") +
+         "\n";
   }
   t += "free centre: the same terms with the centre fitted too put it at (" +
        Num(s.freeCentre.cx, 2) + ", " + Num(s.freeCentre.cy, 2) + "), " +

@@ -156,18 +156,17 @@ int RunSolve(const SolveCommand& c, std::ostream& out, std::ostream& err) {
     s.sources.push_back(src);
   }
 
-  for (const SourceResult& src : s.sources) {
-    if (!src.problem.empty() && !c.quiet) {
-      err << "veltrisca: note: " << src.path << ": " << src.problem;
-      err << (found > 0 || s.lines.size() >= 2 ? "; the others are used\n" : "\n");
-    }
-  }
   if (!photos.empty() && found == 0 && c.lines.empty()) {
     throw IoError("no board of " + c.board + " inner corners found in any photo (is the count "
                   "of inner corners right? 9x6 for a board of 10 x 7 squares)");
   }
   if (s.lines.size() < 2) {
     throw IoError("fewer than two lines of three points or more: nothing to fit");
+  }
+  for (const SourceResult& src : s.sources) {
+    if (!src.problem.empty() && !c.quiet) {
+      err << "veltrisca: note: " << src.path << ": " << src.problem << "; the others are used\n";
+    }
   }
 
   if (terms) {
