@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <sstream>
 
 #include "cli/CliError.h"
@@ -250,8 +249,7 @@ RadialLens FitLens(const SolveFrame& frame, const std::vector<WorldLine>& lines,
   auto cost = cv::makePtr<StraightnessCost>(frame, lines, terms, freeCentre);
   if (cost->residuals() < n) throw IoError("too few points on the lines for the fit");
   cv::Ptr<cv::LMSolver> solver = cv::LMSolver::create(cost, 200, 1e-12);
-  const int iterations = solver->run(params);
-  if (std::getenv("VT_SOLVE_DEBUG")) std::fprintf(stderr, "fit %d params: %d iterations\n", n, iterations);
+  solver->run(params);
   return LensOf(frame, terms, freeCentre, params.ptr<double>());
 }
 

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
+#include <map>
 
 #include "cli/AtomicFile.h"
 #include "cli/CliError.h"
@@ -276,9 +277,28 @@ ImageBuf RadialPicture(const Solution& s) {
 
 }  // namespace
 
+std::vector<std::string> PicturePaths(const std::string& dir,
+                                      const std::vector<std::string>& photos) {
+  namespace fs = std::filesystem;
+  std::vector<std::string> paths;
+  if (dir.empty()) return paths;
+  std::map<std::string, int> seen;
+  for (const std::string& photo : photos) {
+    const std::string stem = fs::path(photo).stem().string();
+    const int n = ++seen[stem];
+    paths.push_back((fs::path(dir) / (stem + (n > 1 ? "-" + std::to_string(n) : "") + ".png"))
+                        .string());
+  }
+  paths.push_back((fs::path(dir) / "radial.png").string());
+  return paths;
+}
+
 std::vector<std::string> WritePictures(const std::string& dir, const Solution& s,
                                        const std::vector<Photo>& photos) {
   namespace fs = std::filesystem;
+  std::vector<std::string> paths;
+  for (const Photo& photo : photos) paths.push_back(photo.path);
+  paths = PicturePaths(dir, paths);
   std::error_code ec;
   fs::create_directories(dir, ec);
   if (ec || !fs::is_directory(dir)) {
@@ -291,14 +311,11 @@ std::vector<std::string> WritePictures(const std::string& dir, const Solution& s
   std::vector<std::string> written;
   for (size_t i = 0; i < photos.size(); ++i) {
     if (!s.sources[i].problem.empty()) continue;
-    const std::string path =
-        (fs::path(dir) / (fs::path(photos[i].path).stem().string() + ".png")).string();
-    Save(PhotoPicture(s, photos[i], static_cast<int>(i), magnify), path);
-    written.push_back(path);
+    Save(PhotoPicture(s, photos[i], static_cast<int>(i), magnify), paths[i]);
+    written.push_back(paths[i]);
   }
-  const std::string radial = (fs::path(dir) / "radial.png").string();
-  Save(RadialPicture(s), radial);
-  written.push_back(radial);
+  Save(RadialPicture(s), paths.back());
+  written.push_back(paths.back());
   return written;
 }
 

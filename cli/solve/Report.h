@@ -41,6 +41,11 @@ std::vector<std::string> Warnings(const Solution& s);
 // The report, lines ending in '\n'.
 std::string ReportText(const Solution& s);
 
+// The pictures of --report DIR for these photos: DIR/NAME.png per photo (NAME-2.png, ... for
+// a name met before), then DIR/radial.png. Empty without DIR.
+std::vector<std::string> PicturePaths(const std::string& dir,
+                                      const std::vector<std::string>& photos);
+
 // --report DIR: per photo NAME.png (the photo undistorted by the lens, the corners and the
 // fitted lines over it, the residuals magnified), and radial.png (the lens curve). The folder
 // is made when missing; each file is written whole or not at all. Returns the paths written.

@@ -97,6 +97,18 @@ int RunSolve(const SolveCommand& c, std::ostream& out, std::ostream& err) {
   Solution s;
   std::vector<Photo> photos;
   const std::vector<std::string> files = ExpandPhotos(c.photos, c.frames);
+  // Never write over an input: the lens file, or a picture of the report.
+  std::vector<std::string> inputs = files;
+  if (!c.lines.empty()) inputs.push_back(c.lines);
+  std::vector<std::string> outputs = PicturePaths(c.reportDir, files);
+  if (!c.output.empty()) outputs.push_back(c.output);
+  for (const std::string& output : outputs) {
+    for (const std::string& input : inputs) {
+      if (SameFile(output, input)) {
+        throw UsageError(output + " is an input too; write the lens and the pictures elsewhere");
+      }
+    }
+  }
   for (const std::string& file : files) {
     photos.push_back(ReadPhoto(file));
     const SolveFrame& f = photos.back().frame;

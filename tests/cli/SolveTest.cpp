@@ -218,6 +218,9 @@ TEST(Solve, RefusesWhatCannotGiveALensAndWritesNothing) {
                   c.args.back());
     EXPECT_FALSE(fs::exists(out) || fs::exists(report)) << c.args.back();
   }
+  // The picture of b.png would be b.png itself.
+  ExpectRefusal(RunTool({"solve", dir / "b.png", "--board", "9x6", "--report", dir / ""}), 1,
+                "is an input", "report over a photo");
   const RunResult r = RunTool({"solve", kSamples + "left01.jpg", dir / "blank.png",
                                kSamples + "left02.jpg", "--board", "9x6", "-o", out});
   EXPECT_EQ(r.exitCode, 0) << r.err;
