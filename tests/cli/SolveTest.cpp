@@ -174,12 +174,24 @@ TEST(Solve, LinesGiveTheLensBack) {
   }
 }
 
+// The board of chart --board is found, flat, in 8-bit, 16-bit and scene-linear float photos
+// (the float one four times brighter than white), and through a frame pattern.
 TEST(Solve, ChartBoardIsFoundFlatWithItsCount) {
   ScratchDir dir;
   RunOk(Split("chart --board 9x6 --size 640x480 OUT", "", dir / "b.png"));
-  const RunResult r = RunOk({"solve", dir / "b.png", "--board", "9x6", "--terms", "distortion"});
-  EXPECT_NE(r.out.find("54 corners"), std::string::npos) << r.out;
-  EXPECT_LT(AllStraightness(r.out).first, 0.05);
+  const Image b = ReadImage(dir / "b.png");
+  std::vector<float> bright(b.pixels);
+  for (float& v : bright) v *= 4;
+  WriteImage(dir / "b.1001.exr", 640, 480, 4, OIIO::TypeDesc::FLOAT, OIIO::TypeDesc::FLOAT,
+             bright.data());
+  WriteImage(dir / "b16.tif", 640, 480, 4, OIIO::TypeDesc::UINT16, OIIO::TypeDesc::FLOAT,
+             b.pixels.data());
+  for (const Args& photos : {Args{dir / "b.png"}, Args{dir / "b16.tif"},
+                             Args{dir / "b.####.exr", "--frames", "1001"}}) {
+    const RunResult r = RunOk(Cat(Cat({"solve"}, photos), {"--board", "9x6", "--terms", "cubic"}));
+    EXPECT_NE(r.out.find("54 corners"), std::string::npos) << photos[0] << r.out;
+    EXPECT_LT(AllStraightness(r.out).first, 0.05) << photos[0];
+  }
   ExpectRefusal(RunTool(Split("chart --board 2x6 OUT", "", dir / "c.png")), 1, "inner corners",
                 "2x6");
   EXPECT_FALSE(fs::exists(dir / "c.png"));
