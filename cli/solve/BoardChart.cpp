@@ -9,6 +9,8 @@
 #include "Photos.h"
 #include "cli/CliError.h"
 
+#include <opencv2/aruco/charuco.hpp>
+
 namespace veltrisca::solve {
 
 BoardGeometry BoardGeometryFor(ImageSize size, int cols, int rows) {
@@ -39,7 +41,20 @@ std::vector<float> RenderBoard(ImageSize size, const std::string& text) {
   const int squaresX = board.cols + 1, squaresY = board.rows + 1;
   const BoardGeometry g = BoardGeometryFor(size, board.cols, board.rows);
   std::vector<float> rgba(static_cast<size_t>(size.width) * size.height * 4, 1.0f);
-  for (int y = 0; y < size.height; ++y) {
+  if (board.charuco) {
+    // OpenCV draws the board (whole squares, so every edge lies between pixels).
+    const int side = static_cast<int>(g.square);
+    cv::Mat drawn;
+    CharucoOf(board)->draw(cv::Size(squaresX * side, squaresY * side), drawn, 0, 1);
+    const int left = static_cast<int>(g.left + 0.5), top = static_cast<int>(g.top + 0.5);
+    for (int y = 0; y < drawn.rows; ++y) {
+      for (int x = 0; x < drawn.cols; ++x) {
+        float* p = &rgba[(static_cast<size_t>(y + top) * size.width + x + left) * 4];
+        p[0] = p[1] = p[2] = drawn.at<uint8_t>(y, x) / 255.0f;
+      }
+    }
+  }
+  for (int y = 0; y < size.height && !board.charuco; ++y) {
     // The rows of squares the pixel's span touches, and how much of it lies in each.
     const double y0 = (y - 0.5 - g.top) / g.square, y1 = (y + 0.5 - g.top) / g.square;
     for (int x = 0; x < size.width; ++x) {
@@ -62,7 +77,12 @@ std::vector<float> RenderBoard(ImageSize size, const std::string& text) {
   OIIO::ImageBuf img(OIIO::ImageSpec(size.width, size.height, 4, OIIO::TypeDesc::FLOAT),
                      rgba.data());
   const std::string count = std::to_string(board.cols) + "x" + std::to_string(board.rows);
-  const std::string label = count + " inner corners: solve --board " + count;
+  const std::string label =
+      board.charuco ? "ChArUco " + std::to_string(squaresX) + "x" + std::to_string(squaresY) +
+                          " squares, " + board.dictionaryName + ": solve --board charuco:" +
+                          std::to_string(squaresX) + "x" + std::to_string(squaresY) + ":" +
+                          board.dictionaryName
+                    : count + " inner corners: solve --board " + count;
   // About 0.6 of the size a letter, within the board's width and margins.
   const double room = (squaresX + 1.5) * g.square / (0.6 * label.size());
   const int fontSize = std::max(8, static_cast<int>(std::min(g.square * 0.45, room)));

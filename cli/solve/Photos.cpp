@@ -1,5 +1,6 @@
 #include "Photos.h"
 
+#include <opencv2/aruco/charuco.hpp>
 #include <opencv2/calib3d.hpp>
 #include <opencv2/imgproc.hpp>
 
@@ -17,13 +18,51 @@ namespace veltrisca::solve {
 Board ParseBoard(const std::string& text) {
   Board board;
   char x = 0, extra = 0;
+  if (text.rfind("charuco:", 0) == 0) {
+    board.charuco = true;
+    const std::string rest = text.substr(8);
+    const size_t colon = rest.find(':');
+    board.dictionaryName = colon == std::string::npos ? "5x5_1000" : rest.substr(colon + 1);
+    int squaresX = 0, squaresY = 0;
+    const char* sizes[] = {"4x4", "5x5", "6x6", "7x7"};
+    const char* counts[] = {"50", "100", "250", "1000"};
+    board.dictionary = -1;
+    for (int i = 0; i < 16; ++i) {
+      if (board.dictionaryName == std::string(sizes[i / 4]) + "_" + counts[i % 4]) {
+        board.dictionary = i;  // DICT_4X4_50 = 0 ... DICT_7X7_1000 = 15
+      }
+    }
+    const int markers = [&] {
+      return std::sscanf(rest.substr(0, colon).c_str(), "%d%c%d%c", &squaresX, &x, &squaresY,
+                         &extra) == 3 && x == 'x'
+                 ? squaresX * squaresY / 2
+                 : 0;
+    }();
+    const int capacity[] = {50, 100, 250, 1000};
+    if (markers == 0 || squaresX < 4 || squaresY < 4 || squaresX > 200 || squaresY > 200 ||
+        board.dictionary < 0 || markers > capacity[board.dictionary % 4]) {
+      throw UsageError("--board: expected charuco:SQUARESxSQUARES[:DICT], the squares of a "
+                       "ChArUco board (4..200 each) and its marker dictionary 4x4_50 .. "
+                       "7x7_1000 holding SQUARES*SQUARES/2 markers (default 5x5_1000), got \"" +
+                       MessageLine(text) + "\"");
+    }
+    board.cols = squaresX - 1;
+    board.rows = squaresY - 1;
+    return board;
+  }
   if (std::sscanf(text.c_str(), "%d%c%d%c", &board.cols, &x, &board.rows, &extra) != 3 ||
       x != 'x' || board.cols < 3 || board.rows < 3 || board.cols > 200 || board.rows > 200) {
     throw UsageError("--board: expected COLSxROWS, the inner corners of a chessboard (where "
-                     "four squares meet: 9x6 for a board of 10 x 7 squares), each 3..200, got \"" +
-                     MessageLine(text) + "\"");
+                     "four squares meet: 9x6 for a board of 10 x 7 squares), each 3..200, or "
+                     "charuco:SQUARESxSQUARES[:DICT], got \"" + MessageLine(text) + "\"");
   }
   return board;
+}
+
+cv::Ptr<cv::aruco::CharucoBoard> CharucoOf(const Board& board) {
+  // The lengths only fix the marker's share of a square (0.7); the detector needs no scale.
+  return cv::aruco::CharucoBoard::create(board.cols + 1, board.rows + 1, 1.0f, 0.7f,
+                                         cv::aruco::getPredefinedDictionary(board.dictionary));
 }
 
 std::vector<std::string> ExpandPhotos(const std::vector<std::string>& photos,
@@ -141,9 +180,33 @@ std::vector<cv::Point2f> Search(const cv::Mat& grey, cv::Size pattern) {
   return {};
 }
 
+// The ChArUco corners found, by id (NaN where missing), refined by the detector.
+std::vector<Point> FindCharuco(const cv::Mat& grey, const Board& board) {
+  const cv::Ptr<cv::aruco::CharucoBoard> charuco = CharucoOf(board);
+  std::vector<std::vector<cv::Point2f>> markers;
+  std::vector<int> markerIds;
+  cv::aruco::detectMarkers(grey, charuco->dictionary, markers, markerIds);
+  std::vector<Point> points(static_cast<size_t>(board.cols) * board.rows,
+                            Point{std::nan(""), std::nan("")});
+  if (markerIds.size() < 2) return {};
+  std::vector<cv::Point2f> corners;
+  std::vector<int> ids;
+  cv::aruco::interpolateCornersCharuco(markers, markerIds, grey, charuco, corners, ids);
+  if (ids.size() < 3) return {};
+  for (size_t i = 0; i < ids.size(); ++i) points[ids[i]] = {corners[i].x, corners[i].y};
+  return points;
+}
+
 }  // namespace
 
+int CornersFound(const std::vector<Point>& corners) {
+  int n = 0;
+  for (const Point& p : corners) n += std::isfinite(p.x) ? 1 : 0;
+  return n;
+}
+
 std::vector<Point> FindBoard(const cv::Mat& grey, Board board) {
+  if (board.charuco) return FindCharuco(grey, board);
   const cv::Size pattern(board.cols, board.rows);
   const int side = std::max(grey.cols, grey.rows);
   const double scale = side <= kSearchSide ? 1.0 : static_cast<double>(kSearchSide) / side;
@@ -201,15 +264,24 @@ std::vector<Point> FindBoard(const cv::Mat& grey, Board board) {
 std::vector<WorldLine> BoardLines(const std::vector<Point>& corners, Board board, int source) {
   std::vector<WorldLine> lines;
   if (corners.size() != static_cast<size_t>(board.cols) * board.rows) return lines;
+  const auto add = [&](WorldLine line) {
+    if (line.points.size() >= 3) lines.push_back(std::move(line));
+  };
   for (int r = 0; r < board.rows; ++r) {
     WorldLine line{source, {}};
-    for (int c = 0; c < board.cols; ++c) line.points.push_back(corners[r * board.cols + c]);
-    lines.push_back(line);
+    for (int c = 0; c < board.cols; ++c) {
+      const Point& p = corners[r * board.cols + c];
+      if (std::isfinite(p.x)) line.points.push_back(p);
+    }
+    add(line);
   }
   for (int c = 0; c < board.cols; ++c) {
     WorldLine line{source, {}};
-    for (int r = 0; r < board.rows; ++r) line.points.push_back(corners[r * board.cols + c]);
-    lines.push_back(line);
+    for (int r = 0; r < board.rows; ++r) {
+      const Point& p = corners[r * board.cols + c];
+      if (std::isfinite(p.x)) line.points.push_back(p);
+    }
+    add(line);
   }
   return lines;
 }

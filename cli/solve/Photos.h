@@ -3,6 +3,7 @@
 #ifndef VT_CLI_SOLVE_PHOTOS_H
 #define VT_CLI_SOLVE_PHOTOS_H
 
+#include <opencv2/aruco/charuco.hpp>
 #include <opencv2/core.hpp>
 
 #include <string>
@@ -13,12 +14,20 @@
 namespace veltrisca::solve {
 
 // A chessboard counted by its inner corners (where four squares meet), OpenCV's convention:
-// a board of 10 x 7 squares has 9 x 6 inner corners.
+// a board of 10 x 7 squares has 9 x 6 inner corners. A ChArUco board (OpenCV's aruco module)
+// is counted by its squares, "charuco:SQUARESxSQUARES[:DICT]", and has one inner corner
+// fewer each way; its markers name its corners, so it is found in part too.
 struct Board {
-  int cols = 0, rows = 0;
+  int cols = 0, rows = 0;  // inner corners
+  bool charuco = false;
+  int dictionary = 0;        // cv::aruco::PREDEFINED_DICTIONARY_NAME
+  std::string dictionaryName;  // "5x5_1000"
 };
-// "COLSxROWS", each 3..200; throws CliError(kExitUsage).
+// "COLSxROWS", each 3..200, or "charuco:SQUARESxSQUARES[:DICT]" (4..200 squares each; DICT
+// 4x4_50 .. 7x7_1000, default 5x5_1000); throws CliError(kExitUsage).
 Board ParseBoard(const std::string& text);
+// OpenCV's description of a ChArUco board, as chart --board draws it and solve finds it.
+cv::Ptr<cv::aruco::CharucoBoard> CharucoOf(const Board& board);
 
 // The files PHOTO names: itself, or the frames of a pattern (cli/FramePattern.h): those of
 // --frames or of an inline list, else every frame on disk. A frame asked for that does not
@@ -39,10 +48,12 @@ Photo ReadPhoto(const std::string& path);
 
 // The board's inner corners in `grey`, row by row (the corners of a row lie on one straight
 // edge of the board, as do those of a column), in pixel indices; empty when no board of that
-// count is found. Large photos are searched at a reduced size and refined at full size.
+// count is found. A ChArUco corner not found is NaN. Large chessboard photos are searched at a
+// reduced size and refined at full size.
 std::vector<Point> FindBoard(const cv::Mat& grey, Board board);
+int CornersFound(const std::vector<Point>& corners);
 
-// The rows and columns of corners as lines of photo `source`.
+// The rows and columns of three corners or more as lines of photo `source`.
 std::vector<WorldLine> BoardLines(const std::vector<Point>& corners, Board board, int source);
 
 }  // namespace veltrisca::solve

@@ -62,7 +62,7 @@ std::string ReportText(const Solution& s) {
   t += "frame " + std::to_string(f.width) + "x" + std::to_string(f.height) + ", pixel aspect " +
        Num(f.pixelAspect, 4) + "; lens centre at pixel index (" + Num(f.width / 2.0, 1) + ", " +
        Num(f.height / 2.0, 1) + "), unit half the height (" + Num(f.height / 2.0, 1) + " px)\n";
-  if (!s.board.empty()) t += "board " + s.board + " inner corners\n";
+  if (!s.board.empty()) t += "board " + s.board + "\n";
   t += "straightness in pixels, RMS (max), before -> after the lens:\n";
   for (const SourceResult& src : s.sources) {
     t += "  " + src.path + ": ";

@@ -21,7 +21,7 @@ struct SourceResult {
 
 struct Solution {
   SolveFrame frame;
-  std::string board;  // "9x6", "" without photos
+  std::string board;  // "9x6 inner corners", "" without photos
   std::vector<SourceResult> sources;
   std::vector<WorldLine> lines;
   Terms terms;

@@ -119,16 +119,19 @@ int RunSolve(const SolveCommand& c, std::ostream& out, std::ostream& err) {
                     " of " + photos.front().path + "; one lens fits one frame");
     }
   }
-  if (!photos.empty()) s.board = c.board;
+  const std::string count = std::to_string(board.cols) + "x" + std::to_string(board.rows);
+  const std::string boardText =
+      board.charuco ? c.board + " (" + count + " inner corners)" : count + " inner corners";
+  if (!photos.empty()) s.board = boardText;
   int found = 0;
   for (size_t i = 0; i < photos.size(); ++i) {
     SourceResult src;
     src.path = photos[i].path;
     const std::vector<Point> corners = FindBoard(photos[i].grey, board);
-    src.corners = static_cast<int>(corners.size());
+    src.corners = CornersFound(corners);
     const std::vector<WorldLine> lines = BoardLines(corners, board, static_cast<int>(i));
     if (lines.empty()) {
-      src.problem = "no board of " + c.board + " inner corners found";
+      src.problem = "no board of " + boardText + " found";
     } else {
       ++found;
     }
@@ -169,8 +172,10 @@ int RunSolve(const SolveCommand& c, std::ostream& out, std::ostream& err) {
   }
 
   if (!photos.empty() && found == 0 && c.lines.empty()) {
-    throw IoError("no board of " + c.board + " inner corners found in any photo (is the count "
-                  "of inner corners right? 9x6 for a board of 10 x 7 squares)");
+    throw IoError("no board of " + boardText + " found in any photo" +
+                  (board.charuco ? std::string()
+                                 : " (is the count of inner corners right? 9x6 for a board of "
+                                   "10 x 7 squares)"));
   }
   if (s.lines.size() < 2) {
     throw IoError("fewer than two lines of three points or more: nothing to fit");

@@ -194,6 +194,15 @@ TEST(Solve, ChartBoardIsFoundFlatWithItsCount) {
   }
   ExpectRefusal(RunTool(Split("chart --board 2x6 OUT", "", dir / "c.png")), 1, "inner corners",
                 "2x6");
+  // A ChArUco board is found in part: here its left quarter lies beyond the frame.
+  RunOk(Split("chart --board charuco:7x5 --size 640x480 OUT", "", dir / "ch.png"));
+  const float shift[3][3] = {{1, 0, 0}, {0, 1, 0}, {-200, 0, 1}};
+  OIIO::ImageBuf part = OIIO::ImageBufAlgo::warp(OIIO::ImageBuf(dir / "ch.png"), shift, "box");
+  ASSERT_TRUE(part.write(dir / "part.png"));
+  const RunResult ch = RunOk({"solve", dir / "ch.png", dir / "part.png", "--board",
+                              "charuco:7x5", "--terms", "distortion"});
+  EXPECT_NE(ch.out.find("ch.png: 24 corners"), std::string::npos) << ch.out;
+  EXPECT_NE(ch.out.find("part.png: 16 corners"), std::string::npos) << ch.out;
   EXPECT_FALSE(fs::exists(dir / "c.png"));
 }
 
