@@ -30,7 +30,8 @@ std::unique_ptr<SolveCli> AddSolveCommand(CLI::App* tool) {
                   "them (grid.####.exr)");
   app->add_option("--board", c.board,
                   "the chessboard's INNER corners, where four squares meet: 9x6 for a board of "
-                  "10 x 7 squares (OpenCV's convention; chart --board writes one)")
+                  "10 x 7 squares (OpenCV's convention; chart --board writes one); or "
+                  "charuco:SQUARESxSQUARES[:DICT], a ChArUco board by its squares")
       ->type_name("COLSxROWS");
   app->add_option("-o,--output", c.output, "the lens file to write (Remove, both sizes the frame)")
       ->type_name("LENS.json");
