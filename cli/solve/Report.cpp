@@ -129,10 +129,17 @@ namespace {
 using OIIO::ImageBuf;
 namespace IBA = OIIO::ImageBufAlgo;
 
-void Line(ImageBuf& img, Point a, Point b, const float* colour) {
-  IBA::render_line(img, static_cast<int>(std::lround(a.x)), static_cast<int>(std::lround(a.y)),
-                   static_cast<int>(std::lround(b.x)), static_cast<int>(std::lround(b.y)),
-                   {colour, 3});
+// A line `width` pixels wide (copies of a one-pixel line side by side).
+void Line(ImageBuf& img, Point a, Point b, const float* colour, int width = 1) {
+  const bool steep = std::fabs(b.y - a.y) > std::fabs(b.x - a.x);
+  for (int k = 0; k < width; ++k) {
+    const int off = k - (width - 1) / 2;
+    const int dx = steep ? off : 0, dy = steep ? 0 : off;
+    IBA::render_line(img, static_cast<int>(std::lround(a.x)) + dx,
+                     static_cast<int>(std::lround(a.y)) + dy,
+                     static_cast<int>(std::lround(b.x)) + dx,
+                     static_cast<int>(std::lround(b.y)) + dy, {colour, 3});
+  }
 }
 
 void Dot(ImageBuf& img, Point p, int radius, const float* colour) {
@@ -184,6 +191,7 @@ ImageBuf PhotoPicture(const Solution& s, const Photo& photo, int source, double 
       img.setpixel(x, y, rgb, 3);
     }
   }
+  const int width = std::max(1, static_cast<int>(std::lround(f.height / 720.0)));  // drawing
   const auto toPixel = [&](Point centred) {
     return Point{s.lens.cx + centred.x / f.pixelAspect, s.lens.cy + centred.y};
   };
@@ -205,16 +213,16 @@ ImageBuf PhotoPicture(const Solution& s, const Photo& photo, int source, double 
       return toPixel({fit.centre.x + t * fit.direction.x - off * fit.direction.y,
                       fit.centre.y + t * fit.direction.y + off * fit.direction.x});
     };
-    Line(img, at(lo, 0), at(hi, 0), kFitted);
+    Line(img, at(lo, 0), at(hi, 0), kFitted, width);
     for (size_t i = 0; i < along.size(); ++i) {
       const double t = (along[i].x - fit.centre.x) * fit.direction.x +
                        (along[i].y - fit.centre.y) * fit.direction.y;
-      Line(img, at(t, 0), at(t, fit.distances[i] * magnify), kResidual);
+      Line(img, at(t, 0), at(t, fit.distances[i] * magnify), kResidual, width);
     }
   }
   for (const WorldLine& line : s.lines) {
     if (line.source != source) continue;
-    for (const Point& p : line.points) Dot(img, UndistortedPixel(f, s.lens, p), 1, kCorner);
+    for (const Point& p : line.points) Dot(img, UndistortedPixel(f, s.lens, p), width, kCorner);
   }
   const int size = std::max(12, f.height / 32);
   const SourceResult& r = s.sources[source];
