@@ -11,6 +11,7 @@
 #include "CliError.h"
 #include "ImageIO.h"
 #include "Memory.h"
+#include "solve/BoardChart.h"
 
 namespace veltrisca {
 
@@ -106,7 +107,8 @@ std::vector<float> RenderChart(ImageSize size) {
   }
   return rgba;
 }
-void WriteChart(const std::string& path, ImageSize size, const std::string& depthText) {
+void WriteChart(const std::string& path, ImageSize size, const std::string& depthText,
+                const std::string& board) {
   std::string ext = std::filesystem::path(path).extension().string();
   for (char& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   OIIO::TypeDesc format = OIIO::TypeDesc::UINT8;
@@ -134,7 +136,7 @@ void WriteChart(const std::string& path, ImageSize size, const std::string& dept
   CheckMemory(need, AvailableMemoryBytes(), "a " + std::to_string(size.width) + "x" +
                                                 std::to_string(size.height) + " chart");
 
-  std::vector<float> rgba = RenderChart(size);
+  std::vector<float> rgba = board.empty() ? RenderChart(size) : solve::RenderBoard(size, board);
   if (channels == 3) {
     for (long long i = 1; i < pixels; ++i) {  // packs in place, front to back
       std::copy_n(&rgba[i * 4], 3, &rgba[i * 3]);

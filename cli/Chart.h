@@ -24,10 +24,12 @@ ChartGeometry ChartGeometryFor(ImageSize size);
 // RGBA samples (0..1, opaque), row by row, each pixel the mean of 4 x 4 sub-samples.
 std::vector<float> RenderChart(ImageSize size);
 
-// Writes the chart to `path` (atomically). `depth` is "8", "16", "half", "float" or empty
+// Writes the chart to `path` (atomically); with `board` ("COLSxROWS") the chessboard of
+// solve/BoardChart.h instead. `depth` is "8", "16", "half", "float" or empty
 // (from the extension: OpenEXR half, Radiance float, everything else 8 bits). Alpha is written
 // when the format can hold it.
-void WriteChart(const std::string& path, ImageSize size, const std::string& depth);
+void WriteChart(const std::string& path, ImageSize size, const std::string& depth,
+                const std::string& board = "");
 
 }  // namespace veltrisca
 

@@ -26,6 +26,7 @@
 #include "RenderSequence.h"
 #include "Session.h"
 #include "StMap.h"
+#include "solve/Solve.h"
 
 namespace veltrisca {
 
@@ -106,7 +107,7 @@ int RunRender(const RenderCommand& command, const std::string& plugin, std::ostr
 
 int RunChart(const ChartCommand& command) {
   const ImageSize size = ParseSize("--size", command.size);
-  WriteChart(command.output, size, command.depth);
+  WriteChart(command.output, size, command.depth, command.board);
   return kExitOk;
 }
 
@@ -443,6 +444,10 @@ int RunCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
   chartApp->add_option("--depth", chart.depth,
                        "8, 16, half or float (default: half for .exr, float for .hdr, else 8)")
       ->type_name("D");
+  chartApp->add_option("--board", chart.board,
+                       "a chessboard for solve instead: COLSxROWS inner corners (9x6: 10 x 7 "
+                       "squares), in a white margin, its count printed below it")
+      ->type_name("COLSxROWS");
   AddVerbosity(chartApp, &chart.verbose, &chart.quiet, "print what was written and the time");
 
   StMapCommand stmap;
@@ -478,6 +483,8 @@ int RunCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
   bool lensVerbose = false;
   AddVerbosity(lensApp, &lensVerbose, &lens.quiet,
                "with -o: print what was written and the time (an import always reports)");
+
+  const auto solveCli = solve::AddSolveCommand(&app);
 
   if (const std::string unknown = UnknownCommand(app, args); !unknown.empty()) {
     err << "veltrisca: unknown command '" << MessageLine(unknown) << "' (commands: "
@@ -530,6 +537,7 @@ int RunCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
       }
       return code;
     }
+    if (*solveCli->app) return solve::RunSolve(solveCli->command, out, err);
     const int code = RunChart(chart);
     if (chart.verbose && !chart.quiet) ReportWritten(chart.output, true, started, out);
     return code;

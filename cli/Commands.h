@@ -48,6 +48,7 @@ struct ChartCommand {
   std::string output;
   std::string size = "1920x1080";
   std::string depth;  // empty: from the extension
+  std::string board;  // --board COLSxROWS: a chessboard for solve
   bool verbose = false;  // -v
   bool quiet = false;    // -q
 };

@@ -18,6 +18,14 @@
 #   liblensfun-data-v1              liblensfun; the tests compare with its own correction
 #   python3-opencv                  test only: OpenCV's initUndistortRectifyMap as the oracle
 #                                   of lens --from opencv (tests/cli/LensImportTest.cpp)
+#   libopencv-dev                   solve: the chessboard detectors (findChessboardCornersSB,
+#                                   findChessboardCorners, cornerSubPix) and the
+#                                   Levenberg-Marquardt solver of the plumb-line fit
+#                                   (cv::LMSolver), from C++ (cli/solve/)
+#   libopencv-contrib-dev           solve and chart --board charuco:...: ChArUco boards (OpenCV's
+#                                   aruco module: markers, interpolated corners, the drawing)
+#   fonts-dejavu-core               the labels of solve's report pictures and the count printed
+#                                   on chart --board (OpenImageIO's render_text needs a font)
 #
 # With --farm only:
 #   slurm-wlm                       Slurm's controller, node daemon and commands: the farm test
@@ -28,7 +36,8 @@
 set -euo pipefail
 packages=(g++ make cmake libopenimageio-dev openimageio-tools zlib1g-dev libcli11-dev
           libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev liblensfun-dev
-          liblensfun-data-v1 python3-opencv)
+          liblensfun-data-v1 python3-opencv libopencv-dev libopencv-contrib-dev
+          fonts-dejavu-core)
 for arg in "$@"; do
   case $arg in
     --farm) packages+=(slurm-wlm munge) ;;
