@@ -20,9 +20,9 @@
 
 #include "gulp/CpuFeatures.h"
 #include "resample/KernelTables.h"
-#include "resample/KernelTablesInternal.h"
 #include "resample/ResampleData.h"
 #include "resample/Samplers.h"
+#include "support/KernelTablesReset.h"
 
 namespace resample_test {
 
