@@ -109,7 +109,8 @@ void RemoveStep(const VtAFXLensData* lensP, const RowStep& step, FGulpPt& in,
 }
 
 // Apply through the inverse table, as ApplyTableRun of RunMapping.cpp; the two entries of
-// each lane are gathered (a copy of their bits), lanes past the step's end read entry 0.
+// each lane are read one by one (a copy of their bits; the gather instruction measured
+// slower), lanes past the step's end read entry 0.
 void ApplyTableStep(const VtAFXLensData* lensP, const RowStep& step, FGulpPt& in,
                     const BufferOrigin& origin) {
   const VtAFXLensData& lens = *lensP;
@@ -134,8 +135,13 @@ void ApplyTableStep(const VtAFXLensData* lensP, const RowStep& step, FGulpPt& in
     const W frac = _mm256_sub_ps(t, whole);
     __m256i index = _mm256_cvttps_epi32(whole);
     index = _mm256_and_si256(index, _mm256_cmpgt_epi32(_mm256_set1_epi32(n - i), laneIndex));
-    const W lo = _mm256_i32gather_ps(table, index, 4);
-    const W hi = _mm256_i32gather_ps(table + 1, index, 4);
+    alignas(32) int32_t at[8];
+    _mm256_store_si256(reinterpret_cast<__m256i*>(at), index);
+    const W lo = _mm256_setr_ps(table[at[0]], table[at[1]], table[at[2]], table[at[3]],
+                                table[at[4]], table[at[5]], table[at[6]], table[at[7]]);
+    const W hi = _mm256_setr_ps(table[at[0] + 1], table[at[1] + 1], table[at[2] + 1],
+                                table[at[3] + 1], table[at[4] + 1], table[at[5] + 1],
+                                table[at[6] + 1], table[at[7] + 1]);
     const W u = _mm256_add_ps(lo, _mm256_mul_ps(_mm256_sub_ps(hi, lo), frac));
     const W divisor =
         _mm256_add_ps(r, _mm256_and_ps(_mm256_cmp_ps(r, zero, _CMP_EQ_OQ), one));
