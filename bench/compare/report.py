@@ -331,6 +331,35 @@ def write_against_remap(w, results, sizes):
                         behind.append((size, label, cls, depth, depth_label, threads,
                                        ours / alone))
         w("")
+    # Whether keeping a frame's mapping for the next frames would pay: our samplers fed from
+    # a stored map against our whole frame, which maps as it renders.
+    pairs = []
+    for size in sizes:
+        for key, _, _ in OUR_FILTERS:
+            for depth, _ in DEPTHS:
+                for threads in (1, 2):
+                    ours = results.median("ours", key, "remove", depth, threads, size)[0]
+                    stored = results.median("ours", key, "remove", depth, threads, size,
+                                            "remap")[0]
+                    if ours is not None and stored is not None:
+                        pairs.append(stored / ours)
+    if pairs:
+        slower = sum(1 for r in pairs if r >= 1.0)
+        text = ("Keeping the mapping: in %d of %d configurations our samplers fed from a "
+                "stored map took at least as long as our whole frame (pre-render, mapping every "
+                "pixel, sampling); the stored map's time is %.2f to %.2f times the whole "
+                "frame's. " % (slower, len(pairs), min(pairs), max(pairs)))
+        if slower * 2 >= len(pairs):
+            text += ("Reading 8 bytes of stored position per pixel costs more than computing "
+                     "it, so the effect keeps no map between frames (its sequence data, the "
+                     "lens record, has a fixed size and is never flattened, so a map would "
+                     "also have to live outside it, in memory of its own per instance).")
+        else:
+            text += ("Here a kept map would pay in most configurations; the effect keeps none "
+                     "yet (its sequence data, the lens record, has a fixed size and is never "
+                     "flattened, so a map would have to live outside it).")
+        w(text)
+        w("")
     w("### Behind OpenCV's remap alone")
     w("")
     if not behind:

@@ -3,9 +3,9 @@
 // 4-lane version in RunMapping.cpp, in the same order, each rounded on its own (this source
 // is compiled with -mavx2 -mno-fma -ffp-contract=off): the same bits, one block per
 // register instead of two halves. Rounding is the SSE4.1 route's round-to-integral
-// instruction. Everything here is file-local apart from WideRowStepMapper, and nothing
-// shared with the 4-lane sources is inlined from a header, so no code built for AVX2 can
-// stand in for theirs.
+// instruction. Everything here is file-local apart from WideRowStepMapper; of the shared
+// headers only the records' plain fields and FGulp's element access are used, so no code
+// built for AVX2 can stand in for the 4-lane sources' own.
 #include <immintrin.h>
 
 #include <algorithm>
