@@ -362,6 +362,28 @@ void BiLinRun(const ResampleData* rd, const float* xs, const float* ys, int n, c
 
 namespace {
 
+// The widest kernel has 6 taps per axis; the plan keeps every tap column and row.
+constexpr int kMaxTaps = 6;
+
+// One tap column (or row) of a run: the inside mask and the byte-offset term of the clipped
+// source coordinate, trunc(coordinate) * stride, as IndexCalcT forms it; computed once per
+// tap column and once per tap row instead of once per tap.
+struct TapLine {
+  alignas(16) int32_t offset[FGulp::kCapacity];
+  alignas(16) float inside[FGulp::kCapacity];
+};
+
+// What the kernel sampler works from, for a whole run: the table position of each pixel's
+// phase cell and every tap column and tap row.
+struct TapPlan {
+  alignas(16) int32_t cellIndex[FGulp::kCapacity];
+  TapLine columns[kMaxTaps];
+  TapLine rows[kMaxTaps];
+  // Per group of four: every tap column of all four pixels lies inside the image, so the
+  // columns are unclipped and each pixel's taps of one tap row are consecutive pixels.
+  bool columnsInside[FGulp::kCapacity / 4];
+};
+
 // One tap column (or row) for the groups of four from `from` to `to` (exclusive), per lane:
 // v = firstTap + tap (a float sum of whole numbers, exact); inside = 1.0 where 0 <= v <=
 // maxIndex (false for NaN), else 0.0; clipped = min(maxIndex, max(0, v)); the offset term
@@ -486,7 +508,7 @@ struct WeightRow {
 // integer depths rounded to the nearest integer (halves to even), then clipped to 0 .. max
 // (alphaMax for alpha, colorMax for colour). Taps is tapsX = tapsY (4 or 6).
 template <int BitDepth, int Taps, class Route>
-void KernelRun(const ResampleData* rd, const TapPlan& plan, int from, int n, char* dst) {
+void KernelRun(const ResampleData* rd, const TapPlan& plan, int n, char* dst) {
   using Format = PixelFormatOf<BitDepth>;
   constexpr int tapsX = Taps;
   constexpr int tapsY = Taps;
@@ -494,7 +516,7 @@ void KernelRun(const ResampleData* rd, const TapPlan& plan, int from, int n, cha
   const float* table = rd->kernelTable;
   const __m128 zero = _mm_setzero_ps(), one = _mm_set1_ps(1.0f);
   const __m128 colorMax = _mm_set1_ps(rd->colorMax), alphaMax = _mm_set1_ps(rd->alphaMax);
-  for (int k = from; k < n; k += 4, dst += 4 * Format::kBytes) {
+  for (int k = 0; k < n; k += 4, dst += 4 * Format::kBytes) {
     const int32_t* cellIndex = plan.cellIndex + k;
     const float* const cells[4] = {table + cellIndex[0], table + cellIndex[1],
                                    table + cellIndex[2], table + cellIndex[3]};
@@ -585,7 +607,7 @@ void KernelRunOf(ResampleData* rd, const FGulpPt& pos, void* dst) {
   const int n = RunLength(pos);
   TapPlan plan;
   PlanTaps<Route>(rd, pos, n, plan);
-  KernelRun<BitDepth, Taps, Route>(rd, plan, 0, n, static_cast<char*>(dst));
+  KernelRun<BitDepth, Taps, Route>(rd, plan, n, static_cast<char*>(dst));
 }
 
 // The nearest and bilinear samplers of one depth and route, on runs.
@@ -616,25 +638,6 @@ ChosenSampler NarrowRunSampler(SamplerKind kind) {
 void NothingToSample(ResampleData*, const FGulpPt&, void*) {}
 
 }  // namespace
-
-void PlanKernelTaps(const ResampleData* rd, const FGulpPt& pos, int n, TapPlan& plan) {
-  PlanTaps<rounding::InstructionRoute>(rd, pos, n, plan);
-}
-
-KernelSpan NarrowKernelSpan(int bitDepth, int taps) {
-  using Route = rounding::InstructionRoute;
-  return ForPixelDepth(
-      bitDepth,
-      [taps](auto depth) -> KernelSpan {
-        constexpr int bits = decltype(depth)::kBits;
-        return taps == 4 ? KernelRun<bits, 4, Route> : KernelRun<bits, 6, Route>;
-      },
-      []() -> KernelSpan { return nullptr; });
-}
-
-bool KernelRecordIsUsable(const ResampleData* rd, int taps) {
-  return !ImageIsEmpty(rd) && rd->kernelTable != nullptr && KnownKernel(rd, taps);
-}
 
 void StoreTransparentRun(const ResampleData* rd, int n, void* dst) {
   StoreTransparent(rd, n, dst);

@@ -1,11 +1,11 @@
-// The nearest, bilinear and kernel samplers 8 lanes at a time (AVX2). Lane l of a position register
+// The nearest and bilinear samplers 8 lanes at a time (AVX2). Lane l of a position register
 // holds pixel k + l of a block of 8; a pixel register holds two pixels' channels side by side
 // (alpha, red, green, blue of one pixel in each 128-bit half). Every lane goes through exactly
 // the operations of the 4-lane versions in Samplers.cpp, in the same order, each rounded on
 // its own (this source is compiled with -mavx2 -mno-fma -ffp-contract=off), so the bytes are
 // the same; rounding is the SSE4.1 route's round-to-integral instruction. A block that is
-// not whole (the end of a run) and, in the bilinear and kernel samplers, a block with a pixel
-// near an edge go to the 4-lane version. Everything here is file-local apart from WideRunSampler;
+// not whole (the end of a run) and, in the bilinear sampler, a block with a pixel near an
+// edge go to the 4-lane version. Everything here is file-local apart from WideRunSampler;
 // of the shared headers only the records' plain fields and FGulp's element access are used,
 // so no code built for AVX2 can stand in for the 4-lane sources' own.
 #include <immintrin.h>
@@ -284,211 +284,15 @@ void BiLinSamplerWide(ResampleData* rd, const FGulpPt& pos, void* dst) {
   BiLinRunWide<BitDepth, RoundThenTruncate>(rd, pos.x.data(), pos.y.data(), n, out);
 }
 
-// ---- Kernel ----
-
-// Two separate pixels (a, r, g, b each), the first in the low half, converted as the
-// one-pixel load converts them.
-template <int BitDepth>
-struct TwoPixels;
-
-template <>
-struct TwoPixels<8> {
-  static W Load(const char* a, const char* b) {
-    int32_t wa, wb;
-    std::memcpy(&wa, a, 4);
-    std::memcpy(&wb, b, 4);
-    return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_setr_epi32(wa, wb, 0, 0)));
-  }
-};
-template <>
-struct TwoPixels<16> {
-  static W Load(const char* a, const char* b) {
-    long long wa, wb;
-    std::memcpy(&wa, a, 8);
-    std::memcpy(&wb, b, 8);
-    return _mm256_cvtepi32_ps(_mm256_cvtepu16_epi32(_mm_set_epi64x(wb, wa)));
-  }
-};
-template <>
-struct TwoPixels<32> {
-  static W Load(const char* a, const char* b) {
-    return _mm256_loadu2_m128(reinterpret_cast<const float*>(b),
-                              reinterpret_cast<const float*>(a));
-  }
-};
-
-// Within each 128-bit half, rows r0..r3 become columns (what _MM_TRANSPOSE4_PS does to four
-// 4-lane registers, done to both halves at once).
-inline void TransposeHalves(W& r0, W& r1, W& r2, W& r3) {
-  const W t0 = _mm256_unpacklo_ps(r0, r1), t1 = _mm256_unpacklo_ps(r2, r3);
-  const W t2 = _mm256_unpackhi_ps(r0, r1), t3 = _mm256_unpackhi_ps(r2, r3);
-  r0 = _mm256_shuffle_ps(t0, t1, _MM_SHUFFLE(1, 0, 1, 0));
-  r1 = _mm256_shuffle_ps(t0, t1, _MM_SHUFFLE(3, 2, 3, 2));
-  r2 = _mm256_shuffle_ps(t2, t3, _MM_SHUFFLE(1, 0, 1, 0));
-  r3 = _mm256_shuffle_ps(t2, t3, _MM_SHUFFLE(3, 2, 3, 2));
-}
-
-// The table weights of tap row `row` for the eight pixels of a block: w[i] is tap column i,
-// lane l the weight from pixel l's cell (a copy of the table's bits).
-template <int Taps>
-inline void FetchWeights(const float* const cells[kLanes], int row, W* w) {
-  const int first = row * Taps;
-  W r[4];
-  for (int l = 0; l < 4; ++l) {
-    r[l] = _mm256_set_m128(_mm_loadu_ps(cells[l + 4] + first), _mm_loadu_ps(cells[l] + first));
-  }
-  TransposeHalves(r[0], r[1], r[2], r[3]);
-  for (int i = 0; i < 4; ++i) w[i] = r[i];
-  for (int i = 4; i < Taps; ++i) {
-    w[i] = _mm256_setr_ps(cells[0][first + i], cells[1][first + i], cells[2][first + i],
-                          cells[3][first + i], cells[4][first + i], cells[5][first + i],
-                          cells[6][first + i], cells[7][first + i]);
-  }
-}
-
-// Stores eight finished pixels given as channel registers (lane l = pixel l), as the 4-lane
-// store does: integer channels truncated and their low bits packed, float bits copied.
-template <int BitDepth>
-struct StoreChannels;
-
-template <>
-struct StoreChannels<8> {
-  static void Go(char* dst, W a, W r, W g, W b) {
-    const WI low = _mm256_set1_epi32(0xFF);
-    const WI ia = _mm256_and_si256(_mm256_cvttps_epi32(a), low);
-    const WI ir = _mm256_and_si256(_mm256_cvttps_epi32(r), low);
-    const WI ig = _mm256_and_si256(_mm256_cvttps_epi32(g), low);
-    const WI ib = _mm256_cvttps_epi32(b);
-    const WI words = _mm256_or_si256(_mm256_or_si256(ia, _mm256_slli_epi32(ir, 8)),
-                                     _mm256_or_si256(_mm256_slli_epi32(ig, 16), _mm256_slli_epi32(ib, 24)));
-    _mm256_storeu_si256(reinterpret_cast<WI*>(dst), words);
-  }
-};
-template <>
-struct StoreChannels<16> {
-  static void Go(char* dst, W a, W r, W g, W b) {
-    const WI low = _mm256_set1_epi32(0xFFFF);
-    const WI ar = _mm256_or_si256(_mm256_and_si256(_mm256_cvttps_epi32(a), low),
-                                  _mm256_slli_epi32(_mm256_cvttps_epi32(r), 16));
-    const WI gb = _mm256_or_si256(_mm256_and_si256(_mm256_cvttps_epi32(g), low),
-                                  _mm256_slli_epi32(_mm256_cvttps_epi32(b), 16));
-    // [pixels 0 1 | 4 5] and [2 3 | 6 7], then in order.
-    const WI lo = _mm256_unpacklo_epi32(ar, gb), hi = _mm256_unpackhi_epi32(ar, gb);
-    _mm256_storeu_si256(reinterpret_cast<WI*>(dst), _mm256_permute2x128_si256(lo, hi, 0x20));
-    _mm256_storeu_si256(reinterpret_cast<WI*>(dst + 32), _mm256_permute2x128_si256(lo, hi, 0x31));
-  }
-};
-template <>
-struct StoreChannels<32> {
-  static void Go(char* dst, W a, W r, W g, W b) {
-    TransposeHalves(a, r, g, b);  // [pixel 0 | 4], [1 | 5], [2 | 6], [3 | 7]
-    float* out = reinterpret_cast<float*>(dst);
-    _mm256_storeu_ps(out, _mm256_permute2f128_ps(a, r, 0x20));
-    _mm256_storeu_ps(out + 8, _mm256_permute2f128_ps(g, b, 0x20));
-    _mm256_storeu_ps(out + 16, _mm256_permute2f128_ps(a, r, 0x31));
-    _mm256_storeu_ps(out + 24, _mm256_permute2f128_ps(g, b, 0x31));
-  }
-};
-
-// A block of eight pixels whose tap columns all lie inside the image (the plan's
-// columnsInside for both its groups of four), as the 4-lane sampler's taps and final steps:
-// per tap (rows outer, columns inner) weight = (w * 1.0) * insideRow, weightSum += weight,
-// sum = weight * pixel + sum for each pixel's four channels (two pixels per register); then
-// q = 1 / weightSum (1 / 1 where it is +-0), each channel q * sum, rounded to the nearest
-// integer (halves to even) at the integer depths, clipped to 0 .. alphaMax or colorMax.
-template <int BitDepth, int Taps>
-void KernelBlock(const ResampleData* rd, const TapPlan& plan, int k, char* dst) {
-  constexpr int kBytes = BitDepth / 2;
-  const W zero = _mm256_setzero_ps(), one = Splat(1.0f);
-  const float* table = rd->kernelTable;
-  const float* cells[kLanes];
-  for (int l = 0; l < kLanes; ++l) cells[l] = table + plan.cellIndex[k + l];
-  const WI firstColumn =
-      _mm256_loadu_si256(reinterpret_cast<const WI*>(plan.columns[0].offset + k));
-  W pairs[4] = {zero, zero, zero, zero};
-  W weightSum = zero;
-  for (int j = 0; j < Taps; ++j) {
-    const TapLine& row = plan.rows[j];
-    const W insideRow = _mm256_loadu_ps(row.inside + k);
-    alignas(32) int32_t start[kLanes];
-    _mm256_store_si256(reinterpret_cast<WI*>(start),
-                       _mm256_add_epi32(_mm256_loadu_si256(reinterpret_cast<const WI*>(row.offset + k)),
-                                        firstColumn));
-    W w[Taps];
-    FetchWeights<Taps>(cells, j, w);
-    for (int i = 0; i < Taps; ++i) {
-      const W weight = _mm256_mul_ps(_mm256_mul_ps(w[i], one), insideRow);
-      weightSum = _mm256_add_ps(weightSum, weight);
-      const int step = i * kBytes;
-      for (int p = 0; p < 4; ++p) {
-        const int l = 2 * p;
-        const W spread = _mm256_permutevar8x32_ps(
-            weight, _mm256_setr_epi32(l, l, l, l, l + 1, l + 1, l + 1, l + 1));
-        const W pixels = TwoPixels<BitDepth>::Load(rd->baseAddr + start[l] + step,
-                                                   rd->baseAddr + start[l + 1] + step);
-        pairs[p] = _mm256_add_ps(_mm256_mul_ps(spread, pixels), pairs[p]);
-      }
-    }
-  }
-  // [pixel 0 | 4], [1 | 5], [2 | 6], [3 | 7], then channels: lane l = pixel l.
-  W alpha = _mm256_permute2f128_ps(pairs[0], pairs[2], 0x20);
-  W red = _mm256_permute2f128_ps(pairs[0], pairs[2], 0x31);
-  W green = _mm256_permute2f128_ps(pairs[1], pairs[3], 0x20);
-  W blue = _mm256_permute2f128_ps(pairs[1], pairs[3], 0x31);
-  TransposeHalves(alpha, red, green, blue);
-  const W q = _mm256_div_ps(
-      one, _mm256_add_ps(weightSum, Mask01(_mm256_cmp_ps(weightSum, zero, _CMP_EQ_OQ))));
-  const W colorMax = Splat(rd->colorMax), alphaMax = Splat(rd->alphaMax);
-  auto finish = [&](W sum, W max) {
-    const W scaled = _mm256_mul_ps(q, sum);
-    return Clip(zero, BitDepth == 32 ? scaled : Round(scaled), max);
-  };
-  StoreChannels<BitDepth>::Go(dst, finish(alpha, alphaMax), finish(red, colorMax),
-                              finish(green, colorMax), finish(blue, colorMax));
-}
-
-template <int BitDepth, int Taps>
-void KernelRunWide(ResampleData* rd, const FGulpPt& pos, void* dstVoid) {
-  if (!KernelRecordIsUsable(rd, Taps)) return StoreTransparentRun(rd, pos.x.len, dstVoid);
-  constexpr int kBytes = BitDepth / 2;
-  const int n = RunLength(pos);
-  char* dst = static_cast<char*>(dstVoid);
-  TapPlan plan;
-  PlanKernelTaps(rd, pos, n, plan);
-  const KernelSpan narrow = NarrowKernelSpan(BitDepth, Taps);
-  const bool wholePixels = rd->pixelBytes == kBytes;
-  for (int k = 0; k < n; k += kLanes, dst += kLanes * kBytes) {
-    if (wholePixels && k + kLanes <= n && plan.columnsInside[k / 4] &&
-        plan.columnsInside[k / 4 + 1]) {
-      KernelBlock<BitDepth, Taps>(rd, plan, k, dst);
-    } else {
-      narrow(rd, plan, k, k + kLanes < n ? k + kLanes : n, dst);
-    }
-  }
-}
-
-}  // namespace
-
-namespace {
-
-template <int BitDepth>
-ChosenSampler WideOfDepth(SamplerKind kind) {
-  switch (kind) {
-    case SamplerKind::kNearest: return NearRunWide<BitDepth>;
-    case SamplerKind::kBiLinear: return BiLinSamplerWide<BitDepth>;
-    case SamplerKind::kKernel4x4: return KernelRunWide<BitDepth, 4>;
-    case SamplerKind::kKernel6x6: return KernelRunWide<BitDepth, 6>;
-  }
-  return nullptr;
-}
-
 }  // namespace
 
 ChosenSampler WideRunSampler(SamplerKind kind, int bitDepth) {
+  const bool nearest = kind == SamplerKind::kNearest;
+  if (!nearest && kind != SamplerKind::kBiLinear) return nullptr;
   switch (bitDepth) {
-    case 8: return WideOfDepth<8>(kind);
-    case 16: return WideOfDepth<16>(kind);
-    case 32: return WideOfDepth<32>(kind);
+    case 8: return nearest ? NearRunWide<8> : BiLinSamplerWide<8>;
+    case 16: return nearest ? NearRunWide<16> : BiLinSamplerWide<16>;
+    case 32: return nearest ? NearRunWide<32> : BiLinSamplerWide<32>;
     default: return nullptr;
   }
 }
