@@ -129,14 +129,30 @@ void NearRunWide(ResampleData* rd, const FGulpPt& pos, void* dstVoid) {
   const float* ys = pos.y.data();
   int k = 0;
   for (; k + kLanes <= n; k += kLanes, dst += kLanes * kBytes) {
-    W gx = Round(IntoRange(_mm256_load_ps(xs + k)));
-    W gy = Round(IntoRange(_mm256_load_ps(ys + k)));
-    const W insideX = InRangeLE(minusOne, gx, xbeyond);
-    gx = Clip(zero, gx, xmax);
-    const W insideY = InRangeLE(minusOne, gy, ybeyond);
-    gy = Clip(zero, gy, ymax);
-    NearCopy<BitDepth>::Go(rd->baseAddr, Offsets(gx, gy, rowStride, pixelStride),
-                           _mm256_mul_ps(insideX, insideY), dst);
+    if (BitDepth == 32) {
+      W gx = Round(IntoRange(_mm256_load_ps(xs + k)));
+      W gy = Round(IntoRange(_mm256_load_ps(ys + k)));
+      const W insideX = InRangeLE(minusOne, gx, xbeyond);
+      gx = Clip(zero, gx, xmax);
+      const W insideY = InRangeLE(minusOne, gy, ybeyond);
+      gy = Clip(zero, gy, ymax);
+      NearCopy<BitDepth>::Go(rd->baseAddr, Offsets(gx, gy, rowStride, pixelStride),
+                             _mm256_mul_ps(insideX, insideY), dst);
+    } else {
+      // Integer pixels are copied or zeroed whole, so only whether both masks are 1.0
+      // matters: that is the same for the position brought into range and for the position
+      // itself (beyond 2^30 and NaN are outside either way), and the clip takes NaN to 0
+      // (maxps returns its second operand), which keeps the load inside the image.
+      W gx = Round(_mm256_load_ps(xs + k));
+      W gy = Round(_mm256_load_ps(ys + k));
+      const W inside = _mm256_and_ps(
+          _mm256_and_ps(_mm256_cmp_ps(minusOne, gx, _CMP_LE_OS), _mm256_cmp_ps(gx, xbeyond, _CMP_LE_OS)),
+          _mm256_and_ps(_mm256_cmp_ps(minusOne, gy, _CMP_LE_OS), _mm256_cmp_ps(gy, ybeyond, _CMP_LE_OS)));
+      gx = _mm256_min_ps(_mm256_max_ps(gx, zero), xmax);
+      gy = _mm256_min_ps(_mm256_max_ps(gy, zero), ymax);
+      NearCopy<BitDepth>::Go(rd->baseAddr, Offsets(gx, gy, rowStride, pixelStride),
+                             Mask01(inside), dst);
+    }
   }
   if (k < n) NarrowSpanSampler(SamplerKind::kNearest, BitDepth)(rd, xs + k, ys + k, n - k, dst);
 }
