@@ -145,9 +145,11 @@ void NearRunWide(ResampleData* rd, const FGulpPt& pos, void* dstVoid) {
       // (maxps returns its second operand), which keeps the load inside the image.
       W gx = Round(_mm256_load_ps(xs + k));
       W gy = Round(_mm256_load_ps(ys + k));
-      const W inside = _mm256_and_ps(
-          _mm256_and_ps(_mm256_cmp_ps(minusOne, gx, _CMP_LE_OS), _mm256_cmp_ps(gx, xbeyond, _CMP_LE_OS)),
-          _mm256_and_ps(_mm256_cmp_ps(minusOne, gy, _CMP_LE_OS), _mm256_cmp_ps(gy, ybeyond, _CMP_LE_OS)));
+      const W insideX = _mm256_and_ps(_mm256_cmp_ps(minusOne, gx, _CMP_LE_OS),
+                                      _mm256_cmp_ps(gx, xbeyond, _CMP_LE_OS));
+      const W insideY = _mm256_and_ps(_mm256_cmp_ps(minusOne, gy, _CMP_LE_OS),
+                                      _mm256_cmp_ps(gy, ybeyond, _CMP_LE_OS));
+      const W inside = _mm256_and_ps(insideX, insideY);
       gx = _mm256_min_ps(_mm256_max_ps(gx, zero), xmax);
       gy = _mm256_min_ps(_mm256_max_ps(gy, zero), ymax);
       NearCopy<BitDepth>::Go(rd->baseAddr, Offsets(gx, gy, rowStride, pixelStride),
@@ -229,21 +231,24 @@ inline void StoreEight(char* dst, const W (&pairs)[4]) {
     // Bytes of pixels [0 2 4 6 | 1 3 5 7], then in order.
     const WI bytes = _mm256_packus_epi16(w0123, w4567);
     _mm256_storeu_si256(reinterpret_cast<WI*>(dst),
-                        _mm256_permutevar8x32_epi32(bytes, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7)));
+                        _mm256_permutevar8x32_epi32(bytes,
+                                                    _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7)));
   }
 }
 
 // A block whose pixels all have both neighbours of each axis inside the image: no coordinate
 // is clipped, every mask is 1.0 and left out (a blend times 1.0 keeps its bits), the
-// neighbours lie one pixel and one row on (each pair of neighbours read at once). Per pixel: top = c00 + (c10 - c00)*fx, bottom =
-// c01 + (c11 - c01)*fx, out = top + (bottom - top)*fy.
+// neighbours lie one pixel and one row on (each pair of neighbours read at once). Per pixel:
+// top = c00 + (c10 - c00)*fx, bottom = c01 + (c11 - c01)*fx, out = top + (bottom - top)*fy.
 template <int BitDepth, class Rounder>
 inline void BiLinInterior(const char* base, W x, W y, W ix, W iy, WI rowStride, WI pixelStride,
                           std::ptrdiff_t down, char* dst) {
   const W fx = _mm256_sub_ps(x, ix), fy = _mm256_sub_ps(y, iy);
   alignas(32) int32_t at[kLanes];
   _mm256_store_si256(reinterpret_cast<WI*>(at), Offsets(ix, iy, rowStride, pixelStride));
-  auto blend = [](W a, W b, W t) { return _mm256_add_ps(a, _mm256_mul_ps(_mm256_sub_ps(b, a), t)); };
+  auto blend = [](W a, W b, W t) {
+    return _mm256_add_ps(a, _mm256_mul_ps(_mm256_sub_ps(b, a), t));
+  };
   W pairs[4];
   for (int p = 0; p < 4; ++p) {
     const int l = 2 * p;

@@ -159,7 +159,8 @@ TEST(BitIdentity, EveryFilterDepthLensRouteAndWidthGivesTheRecordedBytes) {
   };
   const Path paths[] = {
       {false, features, wide, true, "plug-in"},
-      {true, features, pluginWide ? 0 : 1, true, pluginWide ? "linked, 4 lanes" : "linked, 8 lanes"},
+      {true, features, pluginWide ? 0 : 1, true,
+       pluginWide ? "linked, 4 lanes" : "linked, 8 lanes"},
       {true, features & ~kCpuSSE41, wide, false, "linked, without SSE4.1"},
   };
   for (const Path& path : paths) {
