@@ -1,7 +1,8 @@
 // Times our effect frame by frame, in process, through the substitute host: parameter and
 // layer checkout, smart pre-render and smart render of a whole frame, with no file I/O. The
 // host lends the layer's pixels and reuses its output buffer, as a host rendering a sequence.
-// One line per configuration (see Common.h). Each depth starts with an untimed frame; each
+// One line per configuration (see Common.h); in Remove also our samplers alone, fed from
+// the frame's position map stored beforehand (StoredMap.h, metric "remap"). Each depth starts with an untimed frame; each
 // configuration's first frame is a warm-up unless it is long (kKeepFirstFrameSeconds).
 //
 //   compare_ours --plugin VeltriscaDistortion.so --size 3840x2160
@@ -18,6 +19,7 @@
 #include <string>
 
 #include "Common.h"
+#include "StoredMap.h"
 #include "hostsim/Host.h"
 #include "hostsim/World.h"
 
@@ -150,6 +152,7 @@ int main(int argc, char** argv) {
       // Reported per configuration below.
     }
 
+    compare::StoredMap storedMap;  // Remove's, built on first use
     for (const std::string& mode : options.modes) {
       host->params.mode = mode == "apply" ? 2 : 1;
       for (const FilterInfo& f : kFilters) {
@@ -196,6 +199,15 @@ int main(int argc, char** argv) {
                                  "total", perFrame);
             compare::PrintResult("ours", f.name, f.cls, mode, depthName, threads, width, height,
                                  "coverage", coverage);
+          }
+          // Our samplers alone, from the frame's map stored beforehand (Remove, our own
+          // filters): what keeping the run mapping for the next frames could at best give.
+          if (mode == "remove" && f.popupValue != 1) {
+            if (storedMap.xs.empty()) storedMap = compare::BuildStoredMap(width, height, false);
+            compare::PrintResult("ours", f.name, f.cls, mode, depthName, threads, width, height,
+                                 "remap",
+                                 compare::TimeStoredMapFrames(storedMap, *layer, f.popupValue,
+                                                              threads, options.minSeconds));
           }
         }
       }

@@ -2,10 +2,18 @@
 
 #include <cpuid.h>
 
+#if __has_include(<sys/platform/x86.h>)
+#include <sys/platform/x86.h>
+#define VT_AVX2_USABLE() (CPU_FEATURE_ACTIVE(AVX2) && CPU_FEATURE_ACTIVE(AVX))
+#else
+#define VT_AVX2_USABLE() __builtin_cpu_supports("avx2")
+#endif
+
 std::atomic<int32_t> cpu_features{0};
 std::atomic<int32_t> cpu_family{0};
 std::atomic<int32_t> cpu_model{0};
 std::atomic<int32_t> checked_cpu{0};
+std::atomic<int32_t> wide_vectors{-1};
 
 void myCpuid(int leaf, int subleaf, int* eax, int* ebx, int* ecx, int* edx) {
   unsigned a = 0, b = 0, c = 0, d = 0;
@@ -63,9 +71,13 @@ void CheckCPUFeatures() {
   cpu_features.store(CpuFeatureBits(leaf1Ecx, leaf7Ebx), std::memory_order_release);
 }
 
-void ResetCpuFeaturesForTesting() {
-  cpu_features.store(0);
-  cpu_family.store(0);
-  cpu_model.store(0);
-  checked_cpu.store(0);
+bool UseWideVectors() {
+  int32_t wide = wide_vectors.load(std::memory_order_relaxed);
+  if (wide < 0) {
+    // Asked of the C library, which also knows whether the system saves the wide registers
+    // (and honours GLIBC_TUNABLES=glibc.cpu.hwcaps=-AVX2, which keeps a run on 4 lanes).
+    wide = VT_AVX2_USABLE() ? 1 : 0;
+    wide_vectors.store(wide, std::memory_order_relaxed);
+  }
+  return wide == 1 && CpuHasSSE41();
 }

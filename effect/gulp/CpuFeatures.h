@@ -39,7 +39,15 @@ inline bool CpuHasSSE41() {
 // Internal helpers of CheckCPUFeatures (hidden; reachable by the tests).
 int32_t CpuFeatureBits(uint32_t leaf1Ecx, uint32_t leaf7Ebx);
 void CpuFamilyModel(uint32_t leaf1Eax, int32_t* family, int32_t* model);
-// Test-only: returns the detection state to "never checked".
-void ResetCpuFeaturesForTesting();
+
+// The 8-lane (AVX2) versions of the run mapping and of the nearest and bilinear samplers:
+// the same single-precision operations in the same order as the 4-lane versions, lane by
+// lane, so the same bits, in half the instructions. wide_vectors is -1 until first asked,
+// then 1 when the C library reports AVX2 usable (the processor has it and the operating
+// system saves its registers) and 0 otherwise; a store of 0 or 1 pins the choice.
+extern std::atomic<int32_t> wide_vectors;
+// True when the wide versions are taken: SSE4.1 in cpu_features (they round with the
+// round-to-integral instruction, as that route does) and AVX2 usable.
+bool UseWideVectors();
 
 #endif  // VT_GULP_CPUFEATURES_H

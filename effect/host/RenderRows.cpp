@@ -39,11 +39,8 @@ PF_Err HostSample(const RenderData& rd, PF_Fixed x, PF_Fixed y, PF_PixelFloat* d
   return rd.sampleFloat(rd.effectRef, x, y, &rd.sampPB, dst);
 }
 
-using SamplerFunc = void (*)(ResampleData* rd, const FGulpPt& pos, void* dst);
-
-// The kernel geometry of a filter type; sampler is null for a type without a sampler.
+// The kernel geometry of a filter type.
 struct FilterKernel {
-  SamplerFunc sampler;
   int32_t taps;
   int32_t tapOffset;
   float phasesPerPixel;
@@ -53,21 +50,17 @@ struct FilterKernel {
 
 FilterKernel KernelOf(int32_t filterType, const VtAFXLensData& lens) {
   switch (filterType) {
-    case kFilterNearest:
-      return {NearSampler, 0, 0, 0.0f, 0.0f, nullptr};
-    case kFilterBiLinear:
-      return {BiLinSampler, 0, 0, 0.0f, 0.0f, nullptr};
     case kFilterLanczos2:
-      return {Sampler, kLanczos2Taps, kLanczos2TapOffset, kKernelPhases, kLanczos2CellFloats,
+      return {kLanczos2Taps, kLanczos2TapOffset, kKernelPhases, kLanczos2CellFloats,
               lens.lanczos2Kernel};
     case kFilterLanczos3:
-      return {Sampler, kLanczos3Taps, kLanczos3TapOffset, kKernelPhases, kLanczos3CellFloats,
+      return {kLanczos3Taps, kLanczos3TapOffset, kKernelPhases, kLanczos3CellFloats,
               lens.lanczos3Kernel};
     case kFilterMitchell:
-      return {Sampler, kMitchellTaps, kMitchellTapOffset, kKernelPhases, kMitchellCellFloats,
+      return {kMitchellTaps, kMitchellTapOffset, kKernelPhases, kMitchellCellFloats,
               lens.mitchellKernel};
-    default:
-      return {nullptr, 0, 0, 0.0f, 0.0f, nullptr};
+    default:  // nearest and bilinear have no kernel
+      return {0, 0, 0.0f, 0.0f, nullptr};
   }
 }
 
@@ -80,9 +73,8 @@ void MapStep(const RenderData& rd, A_long x0, A_long y, FGulpPt& inPos) {
   const RowStep step{static_cast<float>(output.origin_x + x0),
                      static_cast<float>(output.origin_y + y),
                      std::min<A_long>(FGulp::kCapacity, output.width - x0)};
-  MapRowStepToBufferPt(rd.lensData, step, inPos,
-                       BufferOrigin{static_cast<float>(input.origin_x),
-                                    static_cast<float>(input.origin_y)});
+  rd.mapStep(rd.lensData, step, inPos,
+             BufferOrigin{static_cast<float>(input.origin_x), static_cast<float>(input.origin_y)});
 }
 
 template <typename Pixel>
@@ -107,8 +99,7 @@ PF_Err DistortRow(void* refcon, A_long y, Pixel* out) {
     return PF_Err_NONE;
   }
 
-  const FilterKernel kernel = KernelOf(filterType, *rd.lensData);
-  if (kernel.sampler == nullptr) {
+  if (rd.sampler == nullptr) {
     // Not a type the popup can deliver; a transparent row is the only safe output.
     std::memset(static_cast<void*>(out), 0, static_cast<size_t>(width) * sizeof(Pixel));
     return PF_Err_NONE;
@@ -121,6 +112,7 @@ PF_Err DistortRow(void* refcon, A_long y, Pixel* out) {
   }
 
   const PixelDepth& format = FormatOf(out);
+  const FilterKernel kernel = KernelOf(filterType, *rd.lensData);
   ResampleData resample;
   std::memset(&resample, 0, sizeof resample);
   resample.baseAddr = reinterpret_cast<char*>(pixels);
@@ -141,12 +133,27 @@ PF_Err DistortRow(void* refcon, A_long y, Pixel* out) {
 
   for (A_long x0 = 0; x0 < width; x0 += FGulp::kCapacity) {
     MapStep(rd, x0, y, inPos);
-    kernel.sampler(&resample, inPos, out + x0);
+    rd.sampler(&resample, inPos, out + x0);
   }
   return PF_Err_NONE;
 }
 
 }  // namespace
+
+void PlanRows(RenderData& rd, int bitDepth) {
+  const VtAFXLensData& lens = *rd.lensData;
+  rd.mapStep = ChooseRowStepMapper(lens);
+  switch (lens.filterType) {
+    case kFilterNearest: rd.sampler = ChooseRunSampler(SamplerKind::kNearest, bitDepth); break;
+    case kFilterBiLinear: rd.sampler = ChooseRunSampler(SamplerKind::kBiLinear, bitDepth); break;
+    case kFilterLanczos2:
+    case kFilterMitchell:
+      rd.sampler = ChooseRunSampler(SamplerKind::kKernel4x4, bitDepth);
+      break;
+    case kFilterLanczos3: rd.sampler = ChooseRunSampler(SamplerKind::kKernel6x6, bitDepth); break;
+    default: rd.sampler = nullptr; break;
+  }
+}
 
 PF_Err DistortPixel8(void* refcon, A_long, A_long y, PF_Pixel*, PF_Pixel* out) {
   return DistortRow(refcon, y, out);

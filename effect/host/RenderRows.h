@@ -11,6 +11,8 @@
 #include "AE_EffectSuites.h"
 #include "host/SuiteHandler.h"
 #include "lens/LensData.h"
+#include "lens/RunMapping.h"
+#include "resample/Samplers.h"
 
 using SubpixelSample8Func = PF_Err (*)(PF_ProgPtr effect_ref, PF_Fixed x, PF_Fixed y,
                                        const PF_SampPB* params, PF_Pixel* dst_pixel);
@@ -33,7 +35,15 @@ struct RenderData {
   SubpixelSample8Func sample8;
   SubpixelSample16Func sample16;
   SubpixelSampleFloatFunc sampleFloat;
+  // Chosen once per render by PlanRows, from the lens record, the input's depth and the
+  // processor: the run mapping and the sampler (null for "Built-in" and unknown filters).
+  RowStepMapper mapStep;
+  ChosenSampler sampler;
 };
+
+// Fills mapStep and sampler for the record's mode, coefficients and filter, the depth, the
+// rounding route and the vector width; to be called after the record is final for the frame.
+void PlanRows(RenderData& rd, int bitDepth);
 
 // Iterate callbacks: refcon is the RenderData, y the output row, out its first pixel; x and
 // in are not used. They write the row's `width` pixels and return 0, or the error of the

@@ -154,6 +154,7 @@ PF_Err RenderFrame(PF_InData* in_data, AEGP_SuiteHandler& suites, const HostSuit
       BitDepthOfHostFormat(format),
       [&](auto depth) {
         if (formatErr != PF_Err_NONE) return formatErr;
+        PlanRows(renderData, decltype(depth)::kBits);
         return IterateRows(depth, suites, in_data, &area, &renderData, output);
       },
       [] { return PF_Err(PF_Err_BAD_CALLBACK_PARAM); });

@@ -7,6 +7,7 @@
 #include "gulp/IotaGroups.h"
 #include "gulp/RoundingRoutes.h"
 #include "lens/PointMapping.h"
+#include "lens/RunMappingWide.h"
 
 // The vector code below works on groups of four: lane l holds output pixel i + l of the step
 // (its x in one register, its y in another), and every lane goes through the same sequence of
@@ -124,31 +125,46 @@ void RemoveRun(const VtAFXLensData& lens, Positions out, int n, FGulpPt& in,
   });
 }
 
-template <class Positions>
+// The four cases of the factor, each line one run operation.
+struct FactorK3K4 {
+  static V Of(V s2, V k2, V k3, V k4, V one) {
+    V t = _mm_sqrt_ps(s2);                  // sqrt(s2)
+    t = MulAdd(t, k3, k2);                  // muladd(t, k3, k2)
+    t = _mm_add_ps(_mm_mul_ps(k4, s2), t);  // muladd(k4, s2, t)
+    return MulAdd(t, s2, one);              // muladd(t, s2, 1)
+  }
+};
+struct FactorK4 {
+  static V Of(V s2, V k2, V, V k4, V one) {
+    const V t = MulAdd(k4, s2, k2);  // muladd(k4, s2, k2)
+    return MulAdd(t, s2, one);       // muladd(t, s2, 1)
+  }
+};
+struct FactorK3 {
+  static V Of(V s2, V k2, V k3, V, V one) {
+    const V t = MulAdd(_mm_sqrt_ps(s2), k3, k2);  // sqrt, muladd(t, k3, k2)
+    return MulAdd(t, s2, one);                    // muladd(t, s2, 1)
+  }
+};
+struct FactorK2 {
+  static V Of(V s2, V k2, V, V, V one) { return MulAdd(s2, k2, one); }  // muladd(s2, k2, 1)
+};
+
+template <class Factor, class Positions>
 void Remove(const VtAFXLensData& lens, Positions out, int n, FGulpPt& in,
             const BufferOrigin& origin) {
-  const float k2f = lens.quadraticF, k3f = lens.cubicF, k4f = lens.quarticF;
-  const V k2 = Splat(k2f), k3 = Splat(k3f), k4 = Splat(k4f), one = Splat(1.0f);
-  if (k4f != 0.0f && k3f != 0.0f) {
-    RemoveRun(lens, out, n, in, origin, [=](V s2) {
-      V t = _mm_sqrt_ps(s2);                // sqrt(s2)
-      t = MulAdd(t, k3, k2);                // muladd(t, k3, k2)
-      t = _mm_add_ps(_mm_mul_ps(k4, s2), t);  // muladd(k4, s2, t)
-      return MulAdd(t, s2, one);            // muladd(t, s2, 1)
-    });
-  } else if (k4f != 0.0f) {
-    RemoveRun(lens, out, n, in, origin, [=](V s2) {
-      const V t = MulAdd(k4, s2, k2);       // muladd(k4, s2, k2)
-      return MulAdd(t, s2, one);            // muladd(t, s2, 1)
-    });
-  } else if (k3f != 0.0f) {
-    RemoveRun(lens, out, n, in, origin, [=](V s2) {
-      const V t = MulAdd(_mm_sqrt_ps(s2), k3, k2);  // sqrt, muladd(t, k3, k2)
-      return MulAdd(t, s2, one);                    // muladd(t, s2, 1)
-    });
-  } else {
-    RemoveRun(lens, out, n, in, origin, [=](V s2) { return MulAdd(s2, k2, one); });  // muladd(s2, k2, 1)
-  }
+  const V k2 = Splat(lens.quadraticF), k3 = Splat(lens.cubicF), k4 = Splat(lens.quarticF);
+  const V one = Splat(1.0f);
+  RemoveRun(lens, out, n, in, origin, [=](V s2) { return Factor::Of(s2, k2, k3, k4, one); });
+}
+
+// Calls body(Factor{}) with the factor case of the record's coefficients.
+template <class Body>
+decltype(auto) WithFactor(const VtAFXLensData& lens, Body body) {
+  if (lens.quarticF != 0.0f && lens.cubicF != 0.0f) return body(FactorK3K4{});
+  if (lens.quarticF != 0.0f) return body(FactorK4{});
+  if (lens.cubicF != 0.0f) return body(FactorK3{});
+  return body(FactorK2{});
 }
 
 // Apply through the inverse table: an output pixel at distorted radius r reads the input at
@@ -223,7 +239,9 @@ void MapOutToBufferPt(const VtAFXLensData* lens, const FGulpPt& out, FGulpPt& in
   const int n = std::min(out.x.len, out.y.len);
   const RunPositions positions{out.x.data(), out.y.data(), 0};
   if (lens->distortMode != kModeApply) {
-    Remove(*lens, positions, n, in, origin);
+    WithFactor(*lens, [&](auto factor) {
+      Remove<decltype(factor)>(*lens, positions, n, in, origin);
+    });
   } else if (lens->tableValid != 0) {
     rounding::WithRoute([&](auto route) {
       ApplyTableRun<decltype(route)>(*lens, positions, n, in, origin);
@@ -239,24 +257,53 @@ void MapOutToInPt(const VtAFXLensData* lens, const FGulpPt& out, FGulpPt& in) {
   MapOutToBufferPt(lens, out, in, BufferOrigin{0.0f, 0.0f});
 }
 
-void MapRowStepToBufferPt(const VtAFXLensData* lens, const RowStep& step, FGulpPt& in,
-                          const BufferOrigin& origin) {
-  const int n = std::max(0, std::min(step.len, FGulp::kCapacity));
-  if (lens->distortMode == kModeApply && lens->tableValid == 0) {
-    FGulpPt out;  // the solver works on stored runs
-    out.x.SetLen(n, 0);
-    out.y.SetLen(n, 0);
-    out.x.Iota(step.x0, 1.0f);
-    out.y.Constant(step.y);
-    ApplySolved(*lens, out, in, origin);
-    return;
-  }
-  const RowStepPositions positions{StartIota(step.x0, 1.0f), _mm_set1_ps(step.y)};
-  if (lens->distortMode != kModeApply) {
-    Remove(*lens, positions, n, in, origin);
-  } else {
-    rounding::WithRoute([&](auto route) {
-      ApplyTableRun<decltype(route)>(*lens, positions, n, in, origin);
+namespace {
+
+int StepLength(const RowStep& step) { return std::max(0, std::min(step.len, FGulp::kCapacity)); }
+
+RowStepPositions PositionsOf(const RowStep& step) {
+  return RowStepPositions{StartIota(step.x0, 1.0f), _mm_set1_ps(step.y)};
+}
+
+template <class Factor>
+void RowStepRemove(const VtAFXLensData* lens, const RowStep& step, FGulpPt& in,
+                   const BufferOrigin& origin) {
+  Remove<Factor>(*lens, PositionsOf(step), StepLength(step), in, origin);
+}
+
+template <class Route>
+void RowStepApplyTable(const VtAFXLensData* lens, const RowStep& step, FGulpPt& in,
+                       const BufferOrigin& origin) {
+  ApplyTableRun<Route>(*lens, PositionsOf(step), StepLength(step), in, origin);
+}
+
+void RowStepApplySolved(const VtAFXLensData* lens, const RowStep& step, FGulpPt& in,
+                        const BufferOrigin& origin) {
+  const int n = StepLength(step);
+  FGulpPt out;  // the solver works on stored runs
+  out.x.SetLen(n, 0);
+  out.y.SetLen(n, 0);
+  out.x.Iota(step.x0, 1.0f);
+  out.y.Constant(step.y);
+  ApplySolved(*lens, out, in, origin);
+}
+
+}  // namespace
+
+RowStepMapper ChooseRowStepMapper(const VtAFXLensData& lens) {
+  if (lens.distortMode == kModeApply && lens.tableValid == 0) return RowStepApplySolved;
+  if (UseWideVectors()) return WideRowStepMapper(lens);
+  if (lens.distortMode != kModeApply) {
+    return WithFactor(lens, [](auto factor) -> RowStepMapper {
+      return RowStepRemove<decltype(factor)>;
     });
   }
+  return rounding::WithRoute([](auto route) -> RowStepMapper {
+    return RowStepApplyTable<decltype(route)>;
+  });
+}
+
+void MapRowStepToBufferPt(const VtAFXLensData* lens, const RowStep& step, FGulpPt& in,
+                          const BufferOrigin& origin) {
+  ChooseRowStepMapper(*lens)(lens, step, in, origin);
 }

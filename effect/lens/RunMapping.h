@@ -30,6 +30,13 @@ struct RowStep {
 void MapRowStepToBufferPt(const VtAFXLensData* lens, const RowStep& step, FGulpPt& in,
                           const BufferOrigin& origin);
 
+// MapRowStepToBufferPt with its choices made: the mode, the case of the coefficients, the
+// rounding route and the vector width. ChooseRowStepMapper makes them from the record and
+// the processor, once per render; the mapper stays right while the record is not rewritten.
+using RowStepMapper = void (*)(const VtAFXLensData* lens, const RowStep& step, FGulpPt& in,
+                               const BufferOrigin& origin);
+RowStepMapper ChooseRowStepMapper(const VtAFXLensData& lens);
+
 // Internal: ratio takes r's length and, for exactly that many elements, the ratio u/r of
 // the inverse polynomial (1 where r is 0), one element at a time. Elements past the length
 // are left alone.

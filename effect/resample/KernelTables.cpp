@@ -14,6 +14,12 @@ float* flanc3_filter = nullptr;
 float* fmitch2_filter = nullptr;
 
 KernelTableAllocFunc kernel_table_alloc = &std::malloc;
+// Set, with release ordering, only after the three table pointers are stored; a caller that
+// sees it set reads finished tables without taking the lock.
+std::atomic<bool> did_this{false};
+// Held for the whole first build, so that a second first render waits for it instead of
+// building a second set or reading half-written tables.
+std::mutex build_lock;
 
 namespace {
 
@@ -21,13 +27,6 @@ constexpr double kPi = 3.141592653589793;
 constexpr double kPiHalf = 1.5707963267948966;
 constexpr double kPiThird = 1.0471975511965976;
 constexpr double kPiSquared = 9.869604401089358;
-
-// Set, with release ordering, only after the three table pointers are stored; a caller that
-// sees it set reads finished tables without taking the lock.
-std::atomic<bool> did_this{false};
-// Held for the whole first build, so that a second first render waits for it instead of
-// building a second set or reading half-written tables.
-std::mutex build_lock;
 
 double LibrarySine(double v) { return std::sin(v); }
 
@@ -140,15 +139,4 @@ PF_Err BuildSampleFilters(PF_ANSICallbacksSuite1* ansi, float*& lanczos2, float*
   lanczos3 = flanc3_filter;
   mitchell = fmitch2_filter;
   return err;
-}
-
-void DiscardSampleFiltersForTesting() {
-  std::lock_guard<std::mutex> guard(build_lock);
-  std::free(flanc2_filter);
-  std::free(flanc3_filter);
-  std::free(fmitch2_filter);
-  flanc2_filter = nullptr;
-  flanc3_filter = nullptr;
-  fmitch2_filter = nullptr;
-  did_this.store(false, std::memory_order_release);
 }

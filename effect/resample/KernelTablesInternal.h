@@ -3,7 +3,9 @@
 #ifndef VT_RESAMPLE_KERNELTABLESINTERNAL_H
 #define VT_RESAMPLE_KERNELTABLESINTERNAL_H
 
+#include <atomic>
 #include <cstddef>
+#include <mutex>
 
 // The allocator the tables are taken from; std::malloc unless a test swaps in one that
 // fails. Only read while the tables are being built.
@@ -16,8 +18,8 @@ double Lanczos2Weight(double d, SineFunc sine);
 double Lanczos3Weight(double d, SineFunc sine);
 double MitchellWeight(double d);
 
-// Frees the tables and returns to the never-built state, so that a test can watch a first
-// build again. Must not run while any other thread uses the tables.
-void DiscardSampleFiltersForTesting();
+// Set once the three tables are published; the first build holds build_lock.
+extern std::atomic<bool> did_this;
+extern std::mutex build_lock;
 
 #endif

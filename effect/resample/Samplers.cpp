@@ -24,6 +24,7 @@
 
 #include "gulp/RoundingRoutes.h"
 #include "resample/PixelBlocks.h"
+#include "resample/SamplersWide.h"
 
 namespace {
 
@@ -159,7 +160,7 @@ struct NearCopy<32> {
 };
 
 template <int BitDepth, class Route>
-void NearRun(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) {
+void NearRun(const ResampleData* rd, const float* xs, const float* ys, int n, char* dst) {
   const __m128 zero = _mm_setzero_ps(), minusOne = _mm_set1_ps(-1.0f);
   const __m128 xmax = _mm_set1_ps(static_cast<float>(rd->width - 1));
   const __m128 ymax = _mm_set1_ps(static_cast<float>(rd->height - 1));
@@ -167,8 +168,6 @@ void NearRun(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) {
   const __m128 ybeyond = _mm_add_ps(ymax, _mm_set1_ps(1.0f));
   const __m128i rowStride = _mm_set1_epi32(rd->rowBytes);
   const __m128i pixelStride = _mm_set1_epi32(rd->pixelBytes);
-  const float* xs = pos.x.data();
-  const float* ys = pos.y.data();
   for (int k = 0; k < n; k += 4, dst += 4 * PixelFormatOf<BitDepth>::kBytes) {
     __m128 gx = Route::Round(IntoRange(_mm_load_ps(xs + k)));
     __m128 gy = Route::Round(IntoRange(_mm_load_ps(ys + k)));
@@ -272,7 +271,7 @@ inline __m128 BiLinPixel(const char* p, const std::ptrdiff_t* d, __m128 fx, __m1
 // neighbours lie one pixel and one row on from the first, and are addressed from it (the
 // image's offsets cannot wrap: TapsAddressable).
 template <int BitDepth, class Route, class Rounder>
-void BiLinRunWith(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) {
+void BiLinRunWith(const ResampleData* rd, const float* xs, const float* ys, int n, char* dst) {
   using Format = PixelFormatOf<BitDepth>;
   const __m128 zero = _mm_setzero_ps(), one = _mm_set1_ps(1.0f);
   const __m128 xmax = _mm_set1_ps(static_cast<float>(rd->width - 1));
@@ -282,8 +281,6 @@ void BiLinRunWith(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) 
   const bool addressable = TapsAddressable(rd);
   const std::ptrdiff_t right = rd->pixelBytes, down = rd->rowBytes;
   const char* base = rd->baseAddr;
-  const float* xs = pos.x.data();
-  const float* ys = pos.y.data();
   // The last coordinates whose right and lower neighbours are still inside.
   const __m128 xinner = _mm_set1_ps(static_cast<float>(rd->width - 2));
   const __m128 yinner = _mm_set1_ps(static_cast<float>(rd->height - 2));
@@ -353,52 +350,15 @@ void BiLinRunWith(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) 
 }
 
 template <int BitDepth, class Route>
-void BiLinRun(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) {
+void BiLinRun(const ResampleData* rd, const float* xs, const float* ys, int n, char* dst) {
+  // The processor's rounding mode belongs to the calling thread, so it is read per run.
   if (BitDepth != 32 && CurrentModeRoundsAs<Route>()) {
-    return BiLinRunWith<BitDepth, Route, ConvertInCurrentMode>(rd, pos, n, dst);
+    return BiLinRunWith<BitDepth, Route, ConvertInCurrentMode>(rd, xs, ys, n, dst);
   }
-  BiLinRunWith<BitDepth, Route, RoundThenTruncate<Route>>(rd, pos, n, dst);
+  BiLinRunWith<BitDepth, Route, RoundThenTruncate<Route>>(rd, xs, ys, n, dst);
 }
-
-// Runs Run<depth, route> for the record's depth and the feature word's rounding route; an
-// unknown depth loads and stores nothing.
-template <template <int, class> class Run>
-void ForDepthAndRoute(const ResampleData* rd, const FGulpPt& pos, void* dst) {
-  const int n = RunLength(pos);
-  char* out = static_cast<char*>(dst);
-  rounding::WithRoute([&](auto route) {
-    ForPixelDepth(
-        rd->bitDepth,
-        [&](auto depth) { Run<decltype(depth)::kBits, decltype(route)>::Go(rd, pos, n, out); },
-        [] {});
-  });
-}
-
-template <int BitDepth, class Route>
-struct NearRunOf {
-  static void Go(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) {
-    NearRun<BitDepth, Route>(rd, pos, n, dst);
-  }
-};
-
-template <int BitDepth, class Route>
-struct BiLinRunOf {
-  static void Go(const ResampleData* rd, const FGulpPt& pos, int n, char* dst) {
-    BiLinRun<BitDepth, Route>(rd, pos, n, dst);
-  }
-};
 
 }  // namespace
-
-void NearSampler(ResampleData* rd, const FGulpPt& pos, void* dst) {
-  if (ImageIsEmpty(rd)) return StoreTransparent(rd, pos.x.len, dst);
-  ForDepthAndRoute<NearRunOf>(rd, pos, dst);
-}
-
-void BiLinSampler(ResampleData* rd, const FGulpPt& pos, void* dst) {
-  if (ImageIsEmpty(rd)) return StoreTransparent(rd, pos.x.len, dst);
-  ForDepthAndRoute<BiLinRunOf>(rd, pos, dst);
-}
 
 namespace {
 
@@ -632,39 +592,96 @@ void KernelRun(const ResampleData* rd, const TapPlan& plan, int n, char* dst) {
   }
 }
 
-template <int BitDepth, class Route>
-void KernelRunOfTaps(const ResampleData* rd, const TapPlan& plan, int n, char* dst) {
-  if (rd->tapsX == 4) {
-    KernelRun<BitDepth, 4, Route>(rd, plan, n, dst);
-  } else {
-    KernelRun<BitDepth, 6, Route>(rd, plan, n, dst);
-  }
+// The kernels have 4 by 4 (Lanczos-2, Mitchell-Netravali) or 6 by 6 taps (Lanczos-3).
+bool KnownKernel(const ResampleData* rd, int taps) {
+  return rd->tapsX == taps && rd->tapsY == taps;
 }
 
-// The kernels have 4 by 4 (Lanczos-2, Mitchell-Netravali) or 6 by 6 taps (Lanczos-3).
-bool KnownKernel(const ResampleData* rd) {
-  return (rd->tapsX == 4 || rd->tapsX == 6) && rd->tapsY == rd->tapsX;
+// Taps outside the image weigh nothing; their clipped coordinates only keep the load inside
+// the image. The kernel is renormalised over the inside taps.
+template <int BitDepth, int Taps, class Route>
+void KernelRunOf(ResampleData* rd, const FGulpPt& pos, void* dst) {
+  if (ImageIsEmpty(rd) || rd->kernelTable == nullptr || !KnownKernel(rd, Taps)) {
+    return StoreTransparent(rd, pos.x.len, dst);
+  }
+  const int n = RunLength(pos);
+  TapPlan plan;
+  PlanTaps<Route>(rd, pos, n, plan);
+  KernelRun<BitDepth, Taps, Route>(rd, plan, n, static_cast<char*>(dst));
 }
+
+// The nearest and bilinear samplers of one depth and route, on runs.
+template <int BitDepth, class Route>
+void NearRunOf(ResampleData* rd, const FGulpPt& pos, void* dst) {
+  if (ImageIsEmpty(rd)) return StoreTransparent(rd, pos.x.len, dst);
+  NearRun<BitDepth, Route>(rd, pos.x.data(), pos.y.data(), RunLength(pos),
+                           static_cast<char*>(dst));
+}
+template <int BitDepth, class Route>
+void BiLinRunOf(ResampleData* rd, const FGulpPt& pos, void* dst) {
+  if (ImageIsEmpty(rd)) return StoreTransparent(rd, pos.x.len, dst);
+  BiLinRun<BitDepth, Route>(rd, pos.x.data(), pos.y.data(), RunLength(pos),
+                            static_cast<char*>(dst));
+}
+
+template <int BitDepth, class Route>
+ChosenSampler NarrowRunSampler(SamplerKind kind) {
+  switch (kind) {
+    case SamplerKind::kNearest: return NearRunOf<BitDepth, Route>;
+    case SamplerKind::kBiLinear: return BiLinRunOf<BitDepth, Route>;
+    case SamplerKind::kKernel4x4: return KernelRunOf<BitDepth, 4, Route>;
+    case SamplerKind::kKernel6x6: return KernelRunOf<BitDepth, 6, Route>;
+  }
+  return nullptr;
+}
+
+void NothingToSample(ResampleData*, const FGulpPt&, void*) {}
 
 }  // namespace
 
-void Sampler(ResampleData* rd, const FGulpPt& pos, void* dst) {
-  if (ImageIsEmpty(rd) || rd->kernelTable == nullptr || !KnownKernel(rd)) {
-    return StoreTransparent(rd, pos.x.len, dst);
+void StoreTransparentRun(const ResampleData* rd, int n, void* dst) {
+  StoreTransparent(rd, n, dst);
+}
+
+SpanSampler NarrowSpanSampler(SamplerKind kind, int bitDepth) {
+  using Route = rounding::InstructionRoute;
+  return ForPixelDepth(
+      bitDepth,
+      [kind](auto depth) -> SpanSampler {
+        constexpr int bits = decltype(depth)::kBits;
+        if (kind == SamplerKind::kNearest) return NearRun<bits, Route>;
+        if (kind == SamplerKind::kBiLinear) return BiLinRun<bits, Route>;
+        return nullptr;
+      },
+      []() -> SpanSampler { return nullptr; });
+}
+
+ChosenSampler ChooseRunSampler(SamplerKind kind, int bitDepth) {
+  if (UseWideVectors()) {
+    if (const ChosenSampler wide = WideRunSampler(kind, bitDepth)) return wide;
   }
-  // Taps outside the image weigh nothing; their clipped coordinates only keep the load inside
-  // the image. The kernel is renormalised over the inside taps.
-  const int n = RunLength(pos);
-  char* out = static_cast<char*>(dst);
-  rounding::WithRoute([&](auto route) {
-    using Route = decltype(route);
-    ForPixelDepth(
-        rd->bitDepth,
-        [&](auto depth) {
-          TapPlan plan;
-          PlanTaps<Route>(rd, pos, n, plan);
-          KernelRunOfTaps<decltype(depth)::kBits, Route>(rd, plan, n, out);
+  const ChosenSampler chosen = rounding::WithRoute([&](auto route) {
+    return ForPixelDepth(
+        bitDepth,
+        [kind](auto depth) {
+          return NarrowRunSampler<decltype(depth)::kBits, decltype(route)>(kind);
         },
-        [] {});
+        []() -> ChosenSampler { return nullptr; });
   });
+  // An unknown depth loads and stores nothing.
+  return chosen != nullptr ? chosen : NothingToSample;
+}
+
+void NearSampler(ResampleData* rd, const FGulpPt& pos, void* dst) {
+  ChooseRunSampler(SamplerKind::kNearest, rd->bitDepth)(rd, pos, dst);
+}
+
+void BiLinSampler(ResampleData* rd, const FGulpPt& pos, void* dst) {
+  ChooseRunSampler(SamplerKind::kBiLinear, rd->bitDepth)(rd, pos, dst);
+}
+
+void Sampler(ResampleData* rd, const FGulpPt& pos, void* dst) {
+  if (!KnownKernel(rd, 4) && !KnownKernel(rd, 6)) return StoreTransparent(rd, pos.x.len, dst);
+  const SamplerKind kind = rd->tapsX == 4 ? SamplerKind::kKernel4x4 : SamplerKind::kKernel6x6;
+  ChooseRunSampler(kind, rd->bitDepth)(rd, pos, dst);
 }

@@ -15,8 +15,18 @@
 #include "gulp/FGulp.h"
 #include "resample/ResampleData.h"
 
+// Each of the three chooses the version of its filter for the record's depth, the rounding
+// route and the vector width, then runs it on the one run of positions.
 void NearSampler(ResampleData* rd, const FGulpPt& pos, void* dst);
 void BiLinSampler(ResampleData* rd, const FGulpPt& pos, void* dst);
 void Sampler(ResampleData* rd, const FGulpPt& pos, void* dst);
+
+// The samplers with those choices made, for a caller that samples many runs alike (the row
+// callbacks choose once per render). The route and width come from the processor's features
+// at the time of the choice; the kernel versions also need the record's tapsX = tapsY to be
+// the kind's. An unknown depth gives a sampler that writes nothing.
+enum class SamplerKind { kNearest, kBiLinear, kKernel4x4, kKernel6x6 };
+using ChosenSampler = void (*)(ResampleData* rd, const FGulpPt& pos, void* dst);
+ChosenSampler ChooseRunSampler(SamplerKind kind, int bitDepth);
 
 #endif

@@ -46,11 +46,19 @@ std::string CpuinfoField(const std::string& name) {
 }
 
 // Detection restarts from scratch in each test and the detected state is left behind.
+// Returns the detection state to "never checked", as a fresh process has it.
+void ResetCpuFeatures() {
+  cpu_features.store(0);
+  cpu_family.store(0);
+  cpu_model.store(0);
+  checked_cpu.store(0);
+}
+
 class CpuDetection : public ::testing::Test {
  protected:
-  void SetUp() override { ResetCpuFeaturesForTesting(); }
+  void SetUp() override { ResetCpuFeatures(); }
   void TearDown() override {
-    ResetCpuFeaturesForTesting();
+    ResetCpuFeatures();
     CheckCPUFeatures();
   }
 };
@@ -95,7 +103,7 @@ TEST_F(CpuDetection, RacingFirstCallsNeverShowAPartialWord) {
   CheckCPUFeatures();
   const int32_t full = cpu_features.load();
   for (int round = 0; round < 80; ++round) {
-    ResetCpuFeaturesForTesting();
+    ResetCpuFeatures();
     std::atomic<int> ready{0};
     std::atomic<bool> done{false};
     int32_t partial = 0;

@@ -140,26 +140,48 @@ void CheckFrame(const World& layer, Lens lens, int filter, bool linked, uint64_t
   EXPECT_EQ(hash, expected) << "the rendered bytes changed";
 }
 
-// Every configuration through the plug-in; every filter at every depth through the linked
-// effect on the route without SSE4.1, the lenses taking turns.
-TEST(BitIdentity, EveryFilterDepthLensAndRouteGivesTheRecordedBytes) {
+// Every configuration through the plug-in, on the vector width this processor takes (the
+// test is also run with GLIBC_TUNABLES=glibc.cpu.hwcaps=-AVX2, which keeps the plug-in on 4
+// lanes); every configuration through the linked effect held on 4 lanes (or on 8 when the
+// plug-in is not); every filter at every depth through the linked effect on the route
+// without SSE4.1, the lenses taking turns.
+TEST(BitIdentity, EveryFilterDepthLensRouteAndWidthGivesTheRecordedBytes) {
   CheckCPUFeatures();
   const int32_t features = cpu_features.load();
-  for (bool linked : {false, true}) {
-    cpu_features.store(linked ? features & ~kCpuSSE41 : features);
+  const bool pluginWide = UseWideVectors();
+  const int32_t wide = wide_vectors.load();
+  struct Path {
+    bool linked;
+    int32_t features;
+    int32_t wide;
+    bool every;  // every lens, or one lens per filter and depth
+    const char* name;
+  };
+  const Path paths[] = {
+      {false, features, wide, true, "plug-in"},
+      {true, features, pluginWide ? 0 : 1, true,
+       pluginWide ? "linked, 4 lanes" : "linked, 8 lanes"},
+      {true, features & ~kCpuSSE41, wide, false, "linked, without SSE4.1"},
+  };
+  for (const Path& path : paths) {
+    // The C library may hide AVX2 (the tunable); the compiler's own check does not.
+    if (path.wide == 1 && !__builtin_cpu_supports("avx2")) continue;
+    cpu_features.store(path.features);
+    wide_vectors.store(path.wide);
     for (int d = 0; d < 3; ++d) {
       const std::unique_ptr<World> layer = NoiseLayer(hosttest::kDepths[d]);
       for (Lens lens : {kRemove, kApplyTable, kApplySolver}) {
         for (int filter = 1; filter <= 6; ++filter) {
-          if (linked && lens != (d + filter) % 3) continue;
+          if (!path.every && lens != (d + filter) % 3) continue;
           SCOPED_TRACE(::testing::Message() << "depth " << d << " lens " << lens << " filter "
-                                            << filter << (linked ? " linked" : ""));
-          CheckFrame(*layer, lens, filter, linked, kExpected[d][lens][filter - 1]);
+                                            << filter << ", " << path.name);
+          CheckFrame(*layer, lens, filter, path.linked, kExpected[d][lens][filter - 1]);
         }
       }
     }
   }
   cpu_features.store(features);
+  wide_vectors.store(wide);
 }
 
 // ---- The kernel sampler against its steps on runs ----

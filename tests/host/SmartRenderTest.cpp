@@ -11,7 +11,7 @@
 #include "HostTestSupport.h"
 #include "common/EffectParams.h"
 #include "host/EntryPoint.h"
-#include "resample/KernelTablesInternal.h"
+#include "support/KernelTablesReset.h"
 
 namespace {
 
@@ -162,7 +162,7 @@ TEST(SmartRender, KernelTableAllocationFailureIsOutOfMemory) {
   host->params.distortedHeight = host->params.undistortedHeight = 32;
   host->outputClearByte = kClear;
 
-  DiscardSampleFiltersForTesting();
+  DiscardSampleFilters();
   const KernelTableAllocFunc saved = kernel_table_alloc;
   kernel_table_alloc = NoMemory;
   std::unique_ptr<hostsim::World> output;

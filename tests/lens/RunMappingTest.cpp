@@ -2,6 +2,7 @@
 // lenses (zooms, sizes and pixel aspects; the table and solver paths of Apply), Remove's
 // unclamped polynomial, the radius held beyond the limit, short runs and row steps.
 #include "LensTestSupport.h"
+#include "gulp/CpuFeatures.h"
 
 namespace {
 
@@ -184,10 +185,16 @@ TEST_F(RunMappingTest, AgreesWithTheReferenceAndTheScalarMappingsInsideTheLimit)
   EXPECT_GT(tablesUsed, 20);
 }
 
-// A row step mapped straight from its start must give exactly what mapping the stored runs
-// (Iota and Constant) and subtracting the buffer origin gives: every path, every step length,
-// starts where float steps are exact and where they round (beyond 2^24).
-TEST_F(RunMappingTest, RowStepsMapAsTheirStoredRuns) {
+// A row step mapped straight from its start, 4 or 8 lanes at a time, must give exactly what
+// mapping the stored runs (Iota and Constant, always 4 lanes) and subtracting the buffer
+// origin gives: every path, every step length, starts where float steps are exact and where
+// they round (beyond 2^24).
+TEST_F(RunMappingTest, RowStepsMapAsTheirStoredRunsOnEveryWidth) {
+  CheckCPUFeatures();
+  const int32_t savedWide = wide_vectors.load();
+  for (int32_t wide : {0, 1}) {
+  if (wide == 1 && !__builtin_cpu_supports("avx2")) continue;  // no 8-lane path here
+  wide_vectors.store(wide);
   const struct {
     int mode;
     double quad, cube, quar;
@@ -218,11 +225,14 @@ TEST_F(RunMappingTest, RowStepsMapAsTheirStoredRuns) {
           ASSERT_EQ(viaStep.x.len, len);
           ASSERT_EQ(viaStep.y.len, len);
           ASSERT_EQ(std::memcmp(viaStep.x.data(), viaRuns.x.data(), len * sizeof(float)), 0);
-          ASSERT_EQ(std::memcmp(viaStep.y.data(), viaRuns.y.data(), len * sizeof(float)), 0);
+          ASSERT_EQ(std::memcmp(viaStep.y.data(), viaRuns.y.data(), len * sizeof(float)), 0)
+              << (wide ? "8 lanes" : "4 lanes");
         }
       }
     }
   }
+  }
+  wide_vectors.store(savedWide);
 }
 
 }  // namespace

@@ -100,7 +100,7 @@ TEST(KernelTables, WellFormedAndAgreeWithLongDoubleReference) {
 TEST(KernelTables, BuiltOnceWithTheHostSineOrTheLibrarySine) {
   // The first call builds with the host's sine; later calls build nothing and hand out the
   // same tables, whatever suite they pass.
-  DiscardSampleFiltersForTesting();
+  DiscardSampleFilters();
   PF_ANSICallbacksSuite1 ansi{};
   ansi.sin = &CountingSine;
   ScopedAllocHook hook(0);
@@ -123,7 +123,7 @@ TEST(KernelTables, BuiltOnceWithTheHostSineOrTheLibrarySine) {
   // Without the suite or its sin entry, the library's sine gives the same tables.
   PF_ANSICallbacksSuite1 noSine{};
   for (PF_ANSICallbacksSuite1* suite : {static_cast<PF_ANSICallbacksSuite1*>(nullptr), &noSine}) {
-    DiscardSampleFiltersForTesting();
+    DiscardSampleFilters();
     const Tables fallback = Build(suite);
     ASSERT_EQ(fallback.err, PF_Err_NONE);
     EXPECT_EQ(std::memcmp(fallback.table[1], hostL3.data(), hostL3.size() * sizeof(float)), 0);
@@ -131,7 +131,7 @@ TEST(KernelTables, BuiltOnceWithTheHostSineOrTheLibrarySine) {
 }
 
 TEST(KernelTables, RacingFirstCallersBothGetOneCompleteSet) {
-  DiscardSampleFiltersForTesting();
+  DiscardSampleFilters();
   ScopedAllocHook hook(0);
   // The first caller's build waits, at its first sine, until the second caller has started,
   // so that the second arrives while the tables are being built.
@@ -167,7 +167,7 @@ TEST(KernelTables, RacingFirstCallersBothGetOneCompleteSet) {
 TEST(KernelTables, AllocationFailureIsReportedAndALaterCallSucceeds) {
   for (int failOn = 1; failOn <= 3; ++failOn) {
     SCOPED_TRACE(failOn);
-    DiscardSampleFiltersForTesting();
+    DiscardSampleFilters();
     {
       ScopedAllocHook hook(failOn);
       const Tables failed = Build();

@@ -20,9 +20,9 @@
 
 #include "gulp/CpuFeatures.h"
 #include "resample/KernelTables.h"
-#include "resample/KernelTablesInternal.h"
 #include "resample/ResampleData.h"
 #include "resample/Samplers.h"
+#include "support/KernelTablesReset.h"
 
 namespace resample_test {
 
@@ -159,6 +159,17 @@ struct Kernel {
   int taps, tapOffset, cellFloats;
 };
 constexpr Kernel kKernels[] = {{"Lanczos-2", 2, 4, 1, 16}, {"Lanczos-3", 3, 6, 2, 40}, {"Mitchell", 0, 4, 1, 16}};
+
+// The image's record with the kernel k and the process's table of it.
+inline ResampleData KernelRecord(TestImage& image, const Kernel& k) {
+  float* tables[3] = {};
+  EXPECT_EQ(BuildSampleFilters(nullptr, tables[0], tables[1], tables[2]), PF_Err_NONE);
+  ResampleData rd = image.Record();
+  rd.tapsX = rd.tapsY = k.taps, rd.tapOffsetX = rd.tapOffsetY = k.tapOffset;
+  rd.phasesPerPixel = 64.0f, rd.phaseStride = float(k.cellFloats);
+  rd.kernelTable = tables[k.lobes == 2 ? 0 : k.lobes == 3 ? 1 : 2];  // by kind, not address
+  return rd;
+}
 
 // The unnormalised weight of tap (i, j) at the sub-pixel phase (phaseX, phaseY), in pixels.
 inline long double ReferenceTapWeight(const Kernel& k, int i, int j, long double phaseX, long double phaseY) {

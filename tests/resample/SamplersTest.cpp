@@ -17,16 +17,6 @@ void FillDistinct(TestImage& image) {
       image.Set(x, y, {200.0f, float(10 * x + y + 1) - shift, float(100 + 7 * y), float(3 * x + 1)});
 }
 
-ResampleData KernelRecord(TestImage& image, const Kernel& k) {
-  float* tables[3] = {};
-  EXPECT_EQ(BuildSampleFilters(nullptr, tables[0], tables[1], tables[2]), PF_Err_NONE);
-  ResampleData rd = image.Record();
-  rd.tapsX = rd.tapsY = k.taps, rd.tapOffsetX = rd.tapOffsetY = k.tapOffset;
-  rd.phasesPerPixel = 64.0f, rd.phaseStride = float(k.cellFloats);
-  rd.kernelTable = tables[&k - kKernels];
-  return rd;
-}
-
 // The kernel sampler's value of one channel, evaluated independently: the phase quantised
 // down to 64ths, long-double weights of the inside taps, renormalised; before rounding and
 // clipping.
