@@ -110,27 +110,30 @@ int RunSolve(const SolveCommand& c, std::ostream& out, std::ostream& err) {
       }
     }
   }
-  for (const std::string& file : files) {
-    photos.push_back(ReadPhoto(file));
-    const SolveFrame& f = photos.back().frame;
-    if (photos.size() == 1) {
-      s.frame = f;
-    } else if (!SameFrame(f, s.frame)) {
-      throw IoError(file + ": its frame " + FrameText(f) + " differs from " + FrameText(s.frame) +
-                    " of " + photos.front().path + "; one lens fits one frame");
-    }
-  }
   const std::string count = std::to_string(board.cols) + "x" + std::to_string(board.rows);
   const std::string boardText =
       board.charuco ? c.board + " (" + count + " inner corners)" : count + " inner corners";
-  if (!photos.empty()) s.board = boardText;
+  if (!files.empty()) s.board = boardText;
   int found = 0;
-  for (size_t i = 0; i < photos.size(); ++i) {
+  // One photo at a time: its corners are kept, its pixels only for the report's pictures (a
+  // filmed grid may have hundreds of frames).
+  for (const std::string& file : files) {
+    photos.push_back(ReadPhoto(file));
+    Photo& photo = photos.back();
+    if (photos.size() == 1) {
+      s.frame = photo.frame;
+    } else if (!SameFrame(photo.frame, s.frame)) {
+      throw IoError(file + ": its frame " + FrameText(photo.frame) + " differs from " +
+                    FrameText(s.frame) + " of " + photos.front().path +
+                    "; one lens fits one frame");
+    }
     SourceResult src;
-    src.path = photos[i].path;
-    const std::vector<Point> corners = FindBoard(photos[i].grey, board);
+    src.path = photo.path;
+    const std::vector<Point> corners = FindBoard(photo.grey, board);
+    if (c.reportDir.empty()) photo.grey.release();
     src.corners = CornersFound(corners);
-    const std::vector<WorldLine> lines = BoardLines(corners, board, static_cast<int>(i));
+    const int index = static_cast<int>(photos.size() - 1);
+    const std::vector<WorldLine> lines = BoardLines(corners, board, index);
     if (lines.empty()) {
       src.problem = "no board of " + boardText + " found";
     } else {
