@@ -14,6 +14,7 @@
 
 #include "Chart.h"
 #include "CliError.h"
+#include "common/Version.h"
 #include "Fit.h"
 #include "Frames.h"
 #include "ImageIO.h"
@@ -136,35 +137,30 @@ void ReportWritten(const std::string& path, bool image,
   out << ", " << time << "\n";
 }
 
+// The help of a lens option, from the parameter table: the choices of a popup (with their
+// glosses), a slider's host name and range, a point's host name; then the table's remark.
+std::string LensOptionHelp(const ParamEntry& param) {
+  std::string help;
+  if (param.kind == ParamKind::kPopup) {
+    for (int c = 0; c < param.choiceCount; ++c) {
+      help += c == 0 ? "" : c + 1 == param.choiceCount ? " or " : ", ";
+      help += param.choices[c].word;
+      if (param.choices[c].gloss) help += std::string(" (") + param.choices[c].gloss + ")";
+    }
+  } else {
+    help = param.hostName;
+    if (param.kind == ParamKind::kFloatSlider) help += ", " + RangeText(param.range);
+  }
+  return *param.help ? help + " " + param.help : help;
+}
+
 void AddLensOptions(CLI::App* sub, LensOptionText* lens) {
-  sub->add_option("--mode", lens->mode,
-                  "remove (distorted plate -> undistorted image) or apply (default: remove, or "
-                  "the inverse of what an input's recorded lens says was done)")
-      ->type_name("MODE")
-      ->capture_default_str();
-  sub->add_option("--filter", lens->filter,
-                  "builtin, nearest, bilinear, lanczos2, lanczos3 or mitchell")
-      ->type_name("NAME")
-      ->capture_default_str();
-  sub->add_option("--distortion", lens->distortion, "DistortionX1000, -20000..20000")
-      ->type_name("X")
-      ->capture_default_str();
-  sub->add_option("--cubic", lens->cubic, "CubicX1000, -20000..20000")
-      ->type_name("X")
-      ->capture_default_str();
-  sub->add_option("--quartic", lens->quartic, "QuarticX1000, -20000..20000")
-      ->type_name("X")
-      ->capture_default_str();
-  sub->add_option("--zoom", lens->zoom, "ZoomFactor, 0..10")->type_name("X")->capture_default_str();
-  sub->add_option("--pixel-aspect", lens->pixelAspect,
-                  "PixelAspect, 0.1..10 (default: the image file's, else 1)")
-      ->type_name("X");
-  sub->add_option("--distorted-size", lens->distortedSize,
-                  "DistortedImgSize (default: the input layer in remove, else the undistorted size)")
-      ->type_name("WxH");
-  sub->add_option("--undistorted-size", lens->undistortedSize,
-                  "UndistortedImgSize (default: the input layer in apply, else the distorted size)")
-      ->type_name("WxH");
+  for (const ParamEntry* param : LensOptionOrder()) {
+    CLI::Option* option =
+        sub->add_option(param->option, (*lens)[param->index], LensOptionHelp(*param))
+            ->type_name(param->valueName);
+    if (!param->defaultFromImage) option->capture_default_str();
+  }
   sub->add_option("--lens", lens->file,
                   "lens file (JSON), or an image that records a lens (all but its mode), for "
                   "every lens option not given on the command line")
@@ -333,10 +329,11 @@ std::string CommandNames(const CLI::App& app) {
 namespace {
 
 int RunCommandLine(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
-  CLI::App app{"veltrisca " + std::string(kToolVersion) +
+  CLI::App app{"veltrisca " + VersionText() +
                    ": runs the Veltrisca Distortion effect outside its host.",
                "veltrisca"};
-  app.set_version_flag("--version", kToolVersion, "Print the version (1.2) and exit");
+  app.set_version_flag("--version", VersionText(),
+                       "Print the version (" + VersionText() + ") and exit");
   app.footer(kExitCodes);
   app.fallthrough();
   // An option given twice takes its last value, so scripts can override earlier settings.
@@ -516,8 +513,8 @@ int RunCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
     if (*stmapApp) {
       const std::vector<std::string> taken = ApplyLensFile(stmapApp, &stmap.lens);
       stmap.pixelAspectGiven =
-          stmapApp->get_option("--pixel-aspect")->count() > 0 ||
-          std::find(taken.begin(), taken.end(), "pixelAspect") != taken.end();
+          stmapApp->get_option(Param(kParamPixelAspect).option)->count() > 0 ||
+          std::find(taken.begin(), taken.end(), Param(kParamPixelAspect).lensKey) != taken.end();
       const int code = RunStMap(stmap, plugin, stmapQuiet ? silent : err);
       if (stmapVerbose && !stmapQuiet) ReportWritten(stmap.output, true, started, out);
       return code;

@@ -10,8 +10,6 @@
 
 namespace veltrisca {
 
-constexpr const char* kToolVersion = "1.2";
-
 struct InfoCommand {
   LensOptionText lens;
   std::string image;  // empty: a layer of --size

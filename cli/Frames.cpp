@@ -67,9 +67,11 @@ FileLens PlanFileLens(const LensSettings& given, const InputImage& image, bool f
     // 0 (or a value that is no number) is how some writers say "not recorded": square.
     float fileAspect = image.spec.get_float_attribute("PixelAspectRatio", 1.0f);
     if (!(fileAspect > 0.0f) || std::isinf(fileAspect)) fileAspect = 1.0f;
-    if (fileAspect < kPixelAspectRange.minimum || fileAspect > kPixelAspectRange.maximum) {
+    const SliderRange& range = Param(kParamPixelAspect).range;
+    if (fileAspect < range.minimum || fileAspect > range.maximum) {
       throw IoError(image.path + ": its pixel aspect " + std::to_string(fileAspect) +
-                    " is outside the effect's 0.1..10; give --pixel-aspect");
+                    " is outside the effect's " + RangeText(range) + "; give " +
+                    Param(kParamPixelAspect).option);
     }
     lens.settings.pixelAspect = fileAspect;
   }

@@ -21,37 +21,41 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
+// A key of lens files and recorded lenses: the parameter table's entry, read as text, number
+// or size.
 enum class Kind { kText, kNumber, kSize };
 
 struct Key {
   const char* name;    // in the file
   const char* option;  // on the command line
   Kind kind;
-  std::string LensOptionText::*field;
+  int index;           // the parameter
 };
 
-const Key kKeys[] = {
-    {"mode", "--mode", Kind::kText, &LensOptionText::mode},
-    {"filter", "--filter", Kind::kText, &LensOptionText::filter},
-    {"distortion", "--distortion", Kind::kNumber, &LensOptionText::distortion},
-    {"cubic", "--cubic", Kind::kNumber, &LensOptionText::cubic},
-    {"quartic", "--quartic", Kind::kNumber, &LensOptionText::quartic},
-    {"zoom", "--zoom", Kind::kNumber, &LensOptionText::zoom},
-    {"pixelAspect", "--pixel-aspect", Kind::kNumber, &LensOptionText::pixelAspect},
-    {"distortedSize", "--distorted-size", Kind::kSize, &LensOptionText::distortedSize},
-    {"undistortedSize", "--undistorted-size", Kind::kSize, &LensOptionText::undistortedSize},
-};
+Key KeyOf(const ParamEntry& param) {
+  const Kind kind = param.kind == ParamKind::kPopup        ? Kind::kText
+                    : param.kind == ParamKind::kFloatSlider ? Kind::kNumber
+                                                            : Kind::kSize;
+  return Key{param.lensKey, param.option, kind, param.index};
+}
+
+// The keys in the order of a lens file.
+const std::vector<Key>& Keys() {
+  static const std::vector<Key> keys = [] {
+    std::vector<Key> k;
+    for (const ParamEntry* param : LensOptionOrder()) k.push_back(KeyOf(*param));
+    return k;
+  }();
+  return keys;
+}
 constexpr const char* kCommentKey = "comment";
 constexpr const char* kRecordPrefix = "veltrisca:";
-// The filters by their option names, in the effect's popup order.
-const char* const kFilterOptions[] = {"builtin",  "nearest",  "bilinear",
-                                      "lanczos2", "lanczos3", "mitchell"};
 constexpr long long kMaxFileBytes = 1 << 20;
 constexpr int kMaxNesting = 8;  // levels of arrays and objects inside the file's object
 
 std::string KeyList() {
   std::string list;
-  for (const Key& k : kKeys) list += std::string(list.empty() ? "" : ", ") + k.name;
+  for (const Key& k : Keys()) list += std::string(list.empty() ? "" : ", ") + k.name;
   return list + ", " + kCommentKey;
 }
 
@@ -149,7 +153,7 @@ const char* Expected(Kind kind) {
 // Runs the option's own parser on the text, so that the file obeys the same ranges.
 void CheckOptionText(const Key& key, const std::string& text) {
   LensOptionText probe;
-  probe.*key.field = text;
+  probe[key.index] = text;
   ParseLensOptions(probe);
 }
 
@@ -163,8 +167,7 @@ bool SameValue(const Key& key, const std::string& a, const std::string& b) {
   try {
     switch (key.kind) {
       case Kind::kText:
-        return key.field == &LensOptionText::mode ? ParseMode(a) == ParseMode(b)
-                                                   : ParseFilter(a) == ParseFilter(b);
+        return ParseChoice(key.index, a) == ParseChoice(key.index, b);
       case Kind::kNumber:
         return static_cast<float>(std::strtod(a.c_str(), nullptr)) ==
                static_cast<float>(std::strtod(b.c_str(), nullptr));
@@ -179,14 +182,16 @@ bool SameValue(const Key& key, const std::string& a, const std::string& b) {
 }
 
 // The option text of a recorded attribute, or "" when its type is not the key's.
-std::string RecordedText(const OIIO::ParamValue& p, Kind kind) {
+std::string RecordedText(const OIIO::ParamValue& p, Kind kind, int index) {
   const OIIO::TypeDesc t = p.type();
   switch (kind) {
     case Kind::kText: {
       if (t != OIIO::TypeString) return std::string();
+      // Recorded as the host shows the choice ("Lanczos-2"); older records wrote the word.
       const std::string text = p.get_string();
-      for (int f = kFilterBuiltIn; f <= kFilterChoices; ++f) {
-        if (text == FilterName(f)) return kFilterOptions[f - kFilterBuiltIn];
+      const ParamEntry& param = Param(index);
+      for (int c = 1; c <= param.choiceCount; ++c) {
+        if (text == ChoiceName(index, c)) return ChoiceWord(index, c);
       }
       std::string lower = text;
       for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
@@ -244,9 +249,9 @@ std::vector<std::string> MergeLensFile(
     const std::function<bool(const std::string& option)>& givenOnCommandLine) {
   if (const std::optional<RecordedLens> recorded = RecordedLensOfImage(path)) {
     std::vector<std::string> taken;
-    for (const Key& k : kKeys) {
-      if (k.field == &LensOptionText::mode || givenOnCommandLine(k.option)) continue;
-      lens->*k.field = recorded->Value(k.name);
+    for (const Key& k : Keys()) {
+      if (k.index == kParamMode || givenOnCommandLine(k.option)) continue;
+      (*lens)[k.index] = recorded->Value(k.name);
       taken.push_back(k.name);
     }
     return taken;
@@ -302,7 +307,7 @@ std::vector<std::string> MergeLensFile(
     const std::string at = path + ":" + std::to_string(LineOfKey(text, name, 0)) + ": ";
     if (name == kCommentKey) continue;
     const Key* key = nullptr;
-    for (const Key& k : kKeys) {
+    for (const Key& k : Keys()) {
       if (name == k.name) key = &k;
     }
     if (!key) throw IoError(at + "unknown key '" + name + "' (lens keys: " + KeyList() + ")");
@@ -321,7 +326,7 @@ std::vector<std::string> MergeLensFile(
       throw IoError(at + "key '" + name + "': " + message);
     }
     if (!givenOnCommandLine(key->option)) {
-      lens->*key->field = value;
+      (*lens)[key->index] = value;
       taken.push_back(name);
     }
   }
@@ -331,18 +336,22 @@ std::vector<std::string> MergeLensFile(
 std::string LensFileText(const LensSettings& s, const std::string& comment) {
   Json file = Json::object();
   if (!comment.empty()) file[kCommentKey] = comment;
-  file["mode"] = s.mode == kModeApply ? "apply" : "remove";
-  file["filter"] = (s.filter >= 1 && s.filter <= 6) ? kFilterOptions[s.filter - 1] : "lanczos2";
-  file["distortion"] = s.distortion;
-  file["cubic"] = s.cubic;
-  file["quartic"] = s.quartic;
-  file["zoom"] = s.zoom;
-  file["pixelAspect"] = s.pixelAspect;
-  if (s.distortedSize) {
-    file["distortedSize"] = Json::array({s.distortedSize->width, s.distortedSize->height});
-  }
-  if (s.undistortedSize) {
-    file["undistortedSize"] = Json::array({s.undistortedSize->width, s.undistortedSize->height});
+  for (const Key& k : Keys()) {
+    switch (k.kind) {
+      case Kind::kText: {
+        const int choice = SettingChoice(s, k.index);
+        file[k.name] = ChoiceWord(k.index, choice >= 1 && choice <= Param(k.index).choiceCount
+                                               ? choice
+                                               : Param(k.index).defaultChoice);
+        break;
+      }
+      case Kind::kNumber: file[k.name] = SettingNumber(s, k.index); break;
+      case Kind::kSize:
+        if (const std::optional<ImageSize> size = SettingSize(s, k.index)) {
+          file[k.name] = Json::array({size->width, size->height});
+        }
+        break;
+    }
   }
   return file.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
@@ -351,7 +360,7 @@ std::vector<std::string> GivenLensKeys(
     const std::function<bool(const std::string& option)>& givenOnCommandLine,
     const std::vector<std::string>& taken) {
   std::vector<std::string> given;
-  for (const Key& k : kKeys) {
+  for (const Key& k : Keys()) {
     if (givenOnCommandLine(k.option) || Contains(taken, k.name)) given.push_back(k.name);
   }
   return given;
@@ -366,7 +375,7 @@ std::string RecordedLens::Value(const std::string& key) const {
 
 std::string RecordedLens::Text() const {
   std::string text;
-  for (const Key& k : kKeys) {
+  for (const Key& k : Keys()) {
     const std::string value = Value(k.name);
     text += text.empty() ? "" : ", ";
     text += k.kind == Kind::kText ? value : std::string(k.option + 2) + " " + value;
@@ -376,7 +385,7 @@ std::string RecordedLens::Text() const {
 
 std::string RecordedLens::LensFile() const {
   LensOptionText lens;
-  for (const Key& k : kKeys) lens.*k.field = Value(k.name);
+  for (const Key& k : Keys()) lens[k.index] = Value(k.name);
   return LensFileText(ParseLensOptions(lens), "");
 }
 
@@ -390,25 +399,27 @@ void RecordLens(const LensSettings& settings, const LensSizes& sizes,
     const int v[2] = {s.width, s.height};
     header->attribute(name(key), OIIO::TypeDesc(OIIO::TypeDesc::INT, 2), v);
   };
-  header->attribute(name("mode"), std::string(ModeName(settings.mode)));
-  header->attribute(name("filter"), std::string(FilterName(settings.filter)));
-  number("distortion", settings.distortion);
-  number("cubic", settings.cubic);
-  number("quartic", settings.quartic);
-  number("zoom", settings.zoom);
-  number("pixelAspect", settings.pixelAspect);
-  size("distortedSize", sizes.distorted);
-  size("undistortedSize", sizes.undistorted);
+  for (const Key& k : Keys()) {
+    switch (k.kind) {
+      case Kind::kText:
+        header->attribute(name(k.name), std::string(ChoiceName(k.index, SettingChoice(settings, k.index))));
+        break;
+      case Kind::kNumber: number(k.name, SettingNumber(settings, k.index)); break;
+      case Kind::kSize:
+        size(k.name, k.index == kParamDistortedSize ? sizes.distorted : sizes.undistorted);
+        break;
+    }
+  }
 }
 
 std::optional<RecordedLens> ReadRecordedLens(const OIIO::ImageSpec& spec,
                                              const std::string& path) {
   RecordedLens recorded;
-  for (const Key& k : kKeys) {
+  for (const Key& k : Keys()) {
     const std::string attribute = kRecordPrefix + std::string(k.name);
     const OIIO::ParamValue* p = spec.find_attribute(attribute);
     if (!p) return std::nullopt;
-    const std::string value = RecordedText(*p, k.kind);
+    const std::string value = RecordedText(*p, k.kind, k.index);
     if (value.empty()) {
       throw IoError(path + ": " + attribute + " is not " + Expected(k.kind) +
                     " (the lens it records is damaged)");
@@ -432,20 +443,20 @@ ImageLens LensForImage(const LensOptionText& given, const std::optional<Recorded
   out.lens = given;
   if (!recorded) return out;
   const auto isGiven = [&given](const char* key) { return Contains(given.given, key); };
-  const int recordedMode = ParseMode(recorded->Value("mode"));
+  const int recordedMode = ParseMode(recorded->Value(Param(kParamMode).lensKey));
   const bool removed = recordedMode == kModeRemove;
   const std::string what = std::string("the input records the lens ") +
                            (removed ? "removed from its plate" : "applied to it") + " (" +
                            ModeName(recordedMode) + ", distortion " +
-                           recorded->Value("distortion") + ")";
+                           recorded->Value(Param(kParamDistortion).lensKey) + ")";
   int mode = 0;
-  if (isGiven("mode")) {
-    mode = ParseMode(given.mode);
+  if (isGiven(Param(kParamMode).lensKey)) {
+    mode = ParseMode(given[kParamMode]);
   } else if (fit) {
     mode = kModeRemove;  // --fit sizes a remove
   } else {
     mode = removed ? kModeApply : kModeRemove;
-    out.lens.mode = removed ? "apply" : "remove";
+    out.lens[kParamMode] = ChoiceWord(kParamMode, mode);
     out.notes.push_back("note: " + what + "; rendering " + ModeName(mode) +
                         (removed ? " puts it back" : " takes it off") + " (--mode chooses)");
   }
@@ -456,18 +467,17 @@ ImageLens LensForImage(const LensOptionText& given, const std::optional<Recorded
   }
   // The size of the image itself (the undistorted size in Apply) is its frame, as for any
   // image: the record's is the same unless the image was cropped or scaled since.
-  const auto tied = mode == kModeApply ? &LensOptionText::undistortedSize
-                                       : &LensOptionText::distortedSize;
-  for (const Key& k : kKeys) {
-    if (k.field == &LensOptionText::mode) continue;
-    if (fit && k.field == &LensOptionText::undistortedSize) continue;  // --fit chooses it
+  const int tied = mode == kModeApply ? kParamUndistortedSize : kParamDistortedSize;
+  for (const Key& k : Keys()) {
+    if (k.index == kParamMode) continue;
+    if (fit && k.index == kParamUndistortedSize) continue;  // --fit chooses it
     const std::string value = recorded->Value(k.name);
     if (!isGiven(k.name)) {
-      if (k.field == tied) continue;
-      out.lens.*k.field = value;
+      if (k.index == tied) continue;
+      out.lens[k.index] = value;
       out.lens.given.push_back(k.name);
-    } else if (!SameValue(k, given.*k.field, value)) {
-      out.notes.push_back("warning: " + std::string(k.option) + " " + given.*k.field +
+    } else if (!SameValue(k, given[k.index], value)) {
+      out.notes.push_back("warning: " + std::string(k.option) + " " + given[k.index] +
                           " overrides the input's recorded " + (k.option + 2) + " " + value);
     }
   }
@@ -476,14 +486,13 @@ ImageLens LensForImage(const LensOptionText& given, const std::optional<Recorded
 
 bool RecordMatches(const RecordedLens& recorded, const LensOptionText& lens,
                    std::string* difference) {
-  for (const Key& k : kKeys) {
-    const bool followsFrame = k.field == &LensOptionText::pixelAspect ||
-                              k.field == &LensOptionText::distortedSize ||
-                              k.field == &LensOptionText::undistortedSize;
+  for (const Key& k : Keys()) {
+    // The pixel aspect and the sizes default to the input's frame.
+    const bool followsFrame = Param(k.index).defaultFromImage;
     if (followsFrame && !Contains(lens.given, k.name)) continue;
     const std::string value = recorded.Value(k.name);
-    if (!SameValue(k, lens.*k.field, value)) {
-      *difference = std::string(k.option + 2) + " " + value + ", not " + lens.*k.field;
+    if (!SameValue(k, lens[k.index], value)) {
+      *difference = std::string(k.option + 2) + " " + value + ", not " + lens[k.index];
       return false;
     }
   }

@@ -443,11 +443,12 @@ uint64_t ImportBytes(const std::string& from, ImageSize frame) {
   return (from == "lensfun" ? 2 * pixels * 2 * sizeof(float) : 0) + band;
 }
 
-double SliderValue(const char* option, double k) {
+double SliderValue(int index, double k) {
   const double v = k * 1000.0;
-  if (!(v >= kCoefficientRange.minimum && v <= kCoefficientRange.maximum)) {
-    throw IoError(std::string("the imported lens needs ") + option + " " + Num(v) +
-                      ", outside the slider range -20000..20000");
+  const SliderRange& range = Param(index).range;
+  if (!(v >= range.minimum && v <= range.maximum)) {
+    throw IoError(std::string("the imported lens needs ") + Param(index).option + " " + Num(v) +
+                  ", outside the slider range " + RangeText(range));
   }
   return v;
 }
@@ -499,12 +500,13 @@ int RunLens(const LensCommand& command, const std::string& plugin, std::ostream&
     throw IoError("the imported lens cannot be fitted: " + noPosition);
   }
   settings.mode = kModeRemove;
-  settings.distortion = SliderValue("--distortion", im.fit.k2);
-  settings.cubic = SliderValue("--cubic", im.fit.k3);
-  settings.quartic = SliderValue("--quartic", im.fit.k4);
-  if (!(im.fit.zoom > kZoomRange.minimum && im.fit.zoom <= kZoomRange.maximum)) {
-    throw IoError("the imported lens needs --zoom " + Num(im.fit.zoom) +
-                      ", outside the slider range 0..10");
+  settings.distortion = SliderValue(kParamDistortion, im.fit.k2);
+  settings.cubic = SliderValue(kParamCubic, im.fit.k3);
+  settings.quartic = SliderValue(kParamQuartic, im.fit.k4);
+  const SliderRange& zoom = Param(kParamZoom).range;
+  if (!(im.fit.zoom > zoom.minimum && im.fit.zoom <= zoom.maximum)) {
+    throw IoError("the imported lens needs " + std::string(Param(kParamZoom).option) + " " +
+                  Num(im.fit.zoom) + ", outside the slider range " + RangeText(zoom));
   }
   settings.zoom = im.fit.zoom;
   settings.pixelAspect = 1;

@@ -19,13 +19,6 @@ std::string Lower(std::string s) {
   return s;
 }
 
-// The shortest decimal that reads back as the same double, for messages ("0.1", "20000").
-std::string NumberText(double v) {
-  char text[32];
-  const auto result = std::to_chars(text, text + sizeof text, v);
-  return std::string(text, result.ptr);
-}
-
 std::string Quoted(const std::string& text) { return "\"" + text + "\""; }
 
 // Whole-string parse of a long long; false on anything else (blanks, signs alone, overflow).
@@ -41,8 +34,14 @@ bool ToLongLong(const std::string& text, long long* value) {
 
 }  // namespace
 
+std::string NumberText(double v) {
+  char text[32];
+  const auto result = std::to_chars(text, text + sizeof text, v);
+  return std::string(text, result.ptr);
+}
+
 double ParseSlider(const std::string& option, const std::string& text, SliderRange range) {
-  const std::string rangeText = NumberText(range.minimum) + ".." + NumberText(range.maximum);
+  const std::string rangeText = RangeText(range);
   if (text.empty() || std::isspace(static_cast<unsigned char>(text[0]))) {
     throw UsageError(option + ": expected a number in " + rangeText + ", got " + Quoted(text));
   }
@@ -110,53 +109,109 @@ PF_LRect ParseRect(const std::string& option, const std::string& text) {
                   static_cast<A_long>(v[2]), static_cast<A_long>(v[3])};
 }
 
-int ParseMode(const std::string& text) {
+int ParseChoice(int index, const std::string& text, const std::string& option) {
+  const ParamEntry& param = Param(index);
   const std::string s = Lower(text);
-  if (s == "remove") return kModeRemove;
-  if (s == "apply") return kModeApply;
-  throw UsageError("--mode: expected remove or apply, got " + Quoted(text));
-}
-
-int ParseFilter(const std::string& text, const std::string& option) {
-  static const char* const kNames[] = {"builtin", "nearest", "bilinear",
-                                       "lanczos2", "lanczos3", "mitchell"};
-  const std::string s = Lower(text);
-  for (int i = 0; i < kFilterChoices; ++i) {
-    if (s == kNames[i]) return kFilterBuiltIn + i;
+  for (int c = 0; c < param.choiceCount; ++c) {
+    if (s == param.choices[c].word) return c + 1;
   }
-  throw UsageError(option +
-                   ": expected builtin, nearest, bilinear, lanczos2, lanczos3 or mitchell, got " +
-                   Quoted(text));
+  throw UsageError((option.empty() ? std::string(param.option) : option) + ": expected " +
+                   ChoiceList(index) + ", got " + Quoted(text));
 }
 
-const char* ModeName(int mode) { return mode == kModeApply ? "Apply" : "Remove"; }
+const char* ChoiceName(int index, int choice) {
+  const ParamEntry& param = Param(index);
+  return choice >= 1 && choice <= param.choiceCount ? param.choices[choice - 1].hostText : "?";
+}
 
-const char* FilterName(int filter) {
-  static const char* const kNames[] = {"Built-in",  "Nearest",   "BiLinear",
-                                       "Lanczos-2", "Lanczos-3", "Mitchell-Netravali"};
-  return (filter >= kFilterBuiltIn && filter <= kFilterChoices) ? kNames[filter - kFilterBuiltIn]
-                                                                : "?";
+const char* ChoiceWord(int index, int choice) {
+  const ParamEntry& param = Param(index);
+  return choice >= 1 && choice <= param.choiceCount ? param.choices[choice - 1].word : "?";
+}
+
+std::string ChoiceList(int index) {
+  const ParamEntry& param = Param(index);
+  std::string list;
+  for (int c = 0; c < param.choiceCount; ++c) {
+    list += c == 0 ? "" : c + 1 == param.choiceCount ? " or " : ", ";
+    list += param.choices[c].word;
+  }
+  return list;
+}
+
+std::string KernelFilterWords() {
+  std::string words;
+  for (int f = 1; f <= kFilterChoices; ++f) {
+    if (IsKernelFilter(f)) words += (words.empty() ? "" : ", ") + std::string(ChoiceWord(kParamFilter, f));
+  }
+  return words;
+}
+
+std::string RangeText(const SliderRange& range) {
+  return NumberText(range.minimum) + ".." + NumberText(range.maximum);
+}
+
+const std::vector<const ParamEntry*>& LensOptionOrder() {
+  static const std::vector<const ParamEntry*> order = [] {
+    std::vector<const ParamEntry*> entries;
+    for (const ParamEntry& param : kParamTable) entries.push_back(&param);
+    std::stable_sort(entries.begin(), entries.end(), [](const ParamEntry* a, const ParamEntry* b) {
+      return static_cast<int>(a->kind) < static_cast<int>(b->kind);
+    });
+    return entries;
+  }();
+  return order;
+}
+
+std::array<std::string, kParamCount> LensOptionText::DefaultTexts() {
+  std::array<std::string, kParamCount> texts;
+  for (const ParamEntry& param : kParamTable) {
+    if (param.defaultFromImage) continue;
+    std::string& text = texts[static_cast<size_t>(param.index)];
+    if (param.kind == ParamKind::kPopup) text = ChoiceWord(param.index, param.defaultChoice);
+    if (param.kind == ParamKind::kFloatSlider) text = NumberText(param.range.dephault);
+  }
+  return texts;
 }
 
 LensSettings ParseLensOptions(const LensOptionText& text) {
+  const auto slider = [&text](int index) {
+    return ParseSlider(Param(index).option, text[index], Param(index).range);
+  };
+  const auto size = [&text](int index) {
+    return text[index].empty() ? std::nullopt
+                               : std::optional<ImageSize>(ParseSize(Param(index).option, text[index]));
+  };
   LensSettings s;
-  s.mode = ParseMode(text.mode);
-  s.filter = ParseFilter(text.filter);
-  s.distortion = ParseSlider("--distortion", text.distortion, kCoefficientRange);
-  s.cubic = ParseSlider("--cubic", text.cubic, kCoefficientRange);
-  s.quartic = ParseSlider("--quartic", text.quartic, kCoefficientRange);
-  s.zoom = ParseSlider("--zoom", text.zoom, kZoomRange);
-  s.pixelAspectGiven = !text.pixelAspect.empty();
-  if (s.pixelAspectGiven) {
-    s.pixelAspect = ParseSlider("--pixel-aspect", text.pixelAspect, kPixelAspectRange);
-  }
-  if (!text.distortedSize.empty()) {
-    s.distortedSize = ParseSize("--distorted-size", text.distortedSize);
-  }
-  if (!text.undistortedSize.empty()) {
-    s.undistortedSize = ParseSize("--undistorted-size", text.undistortedSize);
-  }
+  s.mode = ParseChoice(kParamMode, text[kParamMode]);
+  s.filter = ParseChoice(kParamFilter, text[kParamFilter]);
+  s.distortion = slider(kParamDistortion);
+  s.cubic = slider(kParamCubic);
+  s.quartic = slider(kParamQuartic);
+  s.zoom = slider(kParamZoom);
+  s.pixelAspectGiven = !text[kParamPixelAspect].empty();
+  if (s.pixelAspectGiven) s.pixelAspect = slider(kParamPixelAspect);
+  s.distortedSize = size(kParamDistortedSize);
+  s.undistortedSize = size(kParamUndistortedSize);
   return s;
+}
+
+int SettingChoice(const LensSettings& settings, int index) {
+  return index == kParamMode ? settings.mode : settings.filter;
+}
+
+double SettingNumber(const LensSettings& settings, int index) {
+  switch (index) {
+    case kParamDistortion: return settings.distortion;
+    case kParamCubic: return settings.cubic;
+    case kParamQuartic: return settings.quartic;
+    case kParamZoom: return settings.zoom;
+    default: return settings.pixelAspect;
+  }
+}
+
+std::optional<ImageSize> SettingSize(const LensSettings& settings, int index) {
+  return index == kParamDistortedSize ? settings.distortedSize : settings.undistortedSize;
 }
 
 LensSizes ResolveSizes(const LensSettings& settings, ImageSize layer,

@@ -4,6 +4,7 @@
 #ifndef VT_CLI_OPTIONS_H
 #define VT_CLI_OPTIONS_H
 
+#include <array>
 #include <optional>
 #include <string>
 #include <vector>
@@ -36,36 +37,55 @@ ImageSize ParseSize(const std::string& option, const std::string& text,
 PF_LRect ParseRect(const std::string& option, const std::string& text);
 // A whole number in [min, max].
 int ParseInt(const std::string& option, const std::string& text, int min, int max);
-// "remove" -> 1, "apply" -> 2 (case-insensitive).
-int ParseMode(const std::string& text);
-// "builtin", "nearest", "bilinear", "lanczos2", "lanczos3", "mitchell" -> 1..6; `option`
-// names the value in messages.
-int ParseFilter(const std::string& text, const std::string& option = "--filter");
-// Lanczos-2, Lanczos-3 and Mitchell-Netravali: the filters that clip what they compute.
-inline bool IsKernelFilter(int filter) { return filter >= 4 && filter <= 6; }
-const char* ModeName(int mode);      // the effect's own popup text ("Remove", "Apply")
-const char* FilterName(int filter);  // "Built-in" .. "Mitchell-Netravali"
+// The choice of popup parameter `index` named by `text` (its word, case-insensitive), 1-based:
+// "remove" -> 1, "apply" -> 2; "builtin" .. "mitchell" -> 1..6. `option` names the value in
+// messages (default: the parameter's option).
+int ParseChoice(int index, const std::string& text, const std::string& option = "");
+inline int ParseMode(const std::string& text) { return ParseChoice(kParamMode, text); }
+inline int ParseFilter(const std::string& text, const std::string& option = "--filter") {
+  return ParseChoice(kParamFilter, text, option);
+}
+// The text the host shows for a choice ("Remove", "Mitchell-Netravali"); "?" out of range.
+const char* ChoiceName(int index, int choice);
+// The word of a choice as the tool and lens files write it ("apply", "lanczos2").
+const char* ChoiceWord(int index, int choice);
+inline const char* ModeName(int mode) {  // a mode other than Apply is taken as Remove
+  return ChoiceName(kParamMode, mode == kModeApply ? kModeApply : kModeRemove);
+}
+inline const char* FilterName(int filter) { return ChoiceName(kParamFilter, filter); }
+// "builtin, nearest, bilinear, lanczos2, lanczos3 or mitchell".
+std::string ChoiceList(int index);
+// "lanczos2, lanczos3, mitchell": the words of the filters IsKernelFilter names.
+std::string KernelFilterWords();
+// "-20000..20000": a slider's range as messages and help write it.
+std::string RangeText(const SliderRange& range);
+// The shortest decimal that reads back as the same double ("0.1", "20000").
+std::string NumberText(double v);
 
-// The lens options shared by info and render, as typed (an empty size means "not given").
+// The parameters in the order the tool lists them (help, lens files, recorded lenses): the
+// popups, the sliders, then the sizes, each group in index order.
+const std::vector<const ParamEntry*>& LensOptionOrder();
+
+// The lens options shared by info, render, stmap and lens, as typed, by parameter index
+// (common/EffectParams.h; entry kParamInput is unused). An empty text means "not given" for
+// the parameters whose default comes from the image (pixel aspect and sizes).
 struct LensOptionText {
-  std::string mode = "remove";
-  std::string filter = "lanczos2";
-  std::string distortion = "0";
-  std::string cubic = "0";
-  std::string quartic = "0";
-  std::string zoom = "1";
-  std::string pixelAspect;  // empty: the image file's, else 1
-  std::string distortedSize;
-  std::string undistortedSize;
+  std::array<std::string, kParamCount> text = DefaultTexts();
   std::string file;  // --lens: a lens file for the options not given (cli/LensFile.h)
   // The keys ("distortion", "pixelAspect", ...) given on the command line or by --lens; the
   // others hold defaults, which a lens recorded in the input replaces (cli/LensFile.h).
   std::vector<std::string> given;
+
+  std::string& operator[](int index) { return text[static_cast<size_t>(index)]; }
+  const std::string& operator[](int index) const { return text[static_cast<size_t>(index)]; }
+  // The tool's defaults: the host's default choices and slider values; "" for the parameters
+  // whose default is the image's.
+  static std::array<std::string, kParamCount> DefaultTexts();
 };
 
 struct LensSettings {
-  int mode = kModeRemove;
-  int filter = 4;
+  int mode = kDefaultMode;
+  int filter = kDefaultFilter;
   double distortion = 0, cubic = 0, quartic = 0;  // X1000 slider values
   double zoom = 1;
   double pixelAspect = 1;
@@ -75,6 +95,11 @@ struct LensSettings {
 };
 
 LensSettings ParseLensOptions(const LensOptionText& text);
+// The value of parameter `index` in `settings`, by the parameter's kind: a popup's choice, a
+// slider's number, a point's size (nullopt when not set).
+int SettingChoice(const LensSettings& settings, int index);
+double SettingNumber(const LensSettings& settings, int index);
+std::optional<ImageSize> SettingSize(const LensSettings& settings, int index);
 
 struct LensSizes {
   ImageSize distorted;

@@ -7,6 +7,7 @@
 #include <cstdio>
 
 #include "CliError.h"
+#include "common/Version.h"
 #include "Fit.h"
 #include "LensFile.h"
 #include "Memory.h"
@@ -330,8 +331,9 @@ ReadFrame ReadFrameFiles(const RenderJob& job, OutputFramePlanner& planner, Note
       frame.input, pool.Take(FileBufferBytes(dataPixels, frame.input.channels, frame.input.depth)));
   if (const std::string clipped = ClippedChannels(frame.input, frame.plan, frame.pixels);
       !clipped.empty()) {
-    notes("warning: negative values in " + clipped + ", which the kernel filters (lanczos2, " +
-          "lanczos3, mitchell) clip to 0; --channel-filter NAME=bilinear keeps them");
+    notes("warning: negative values in " + clipped + ", which the kernel filters (" +
+          KernelFilterWords() + ") clip to 0; --channel-filter NAME=" +
+          ChoiceWord(kParamFilter, kFilterBiLinear) + " keeps them");
   }
   return frame;
 }
@@ -392,7 +394,7 @@ void WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, BufferP
   const FramePlan& plan = frame.plan;
   const LensSettings& settings = plan.settings;
   OIIO::ParamValueList header;
-  header.attribute("Software", std::string("veltrisca ") + kToolVersion);
+  header.attribute("Software", "veltrisca " + VersionText());
   if (std::any_of(plan.channelFilters.begin(), plan.channelFilters.end(),
                   [&](const ChannelFilter& f) { return f.filter != settings.filter; })) {
     header.attribute("veltrisca:channelFilters",
