@@ -5,12 +5,15 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <new>
 #include <stdexcept>
 #include <system_error>
 #include <vector>
 
 #include "CliError.h"
+#include "host/BuildStamp.h"
 
 // Where the plug-in lies relative to the folder of the running tool: installed
 // (bin/veltrisca beside lib/veltrisca/), then in the build tree (cli/ beside effect/).
@@ -63,6 +66,29 @@ std::string ResolvePluginPath(const std::string& option) {
                     "; choose one with --plugin or VELTRISCA_PLUGIN");
 }
 
+std::string PluginBuildId(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const size_t at = bytes.find(kBuildStampPrefix);
+  if (at == std::string::npos) return std::string();
+  const std::string id = bytes.substr(at + sizeof kBuildStampPrefix - 1, kBuildIdLength);
+  const bool hex = id.size() == static_cast<size_t>(kBuildIdLength) &&
+                   id.find_first_not_of("0123456789abcdef") == std::string::npos;
+  return hex ? id : std::string();
+}
+
+void CheckSameBuild(const std::string& path) {
+  const std::string plugin = PluginBuildId(path);
+  if (plugin == EffectBuildId()) return;
+  throw EffectError("the effect plug-in " + path + " is " +
+                    (plugin.empty() ? std::string("of no known build")
+                                    : "build " + plugin) +
+                    ", but this veltrisca carries the effect's code of build " +
+                    EffectBuildId() +
+                    " (it maps positions and reads the lens record with it); use the plug-in "
+                    "built with this veltrisca");
+}
+
 std::unique_ptr<hostsim::PluginModule> LoadEffect(const std::string& path) {
   std::unique_ptr<hostsim::PluginModule> module;
   try {
@@ -75,6 +101,7 @@ std::unique_ptr<hostsim::PluginModule> LoadEffect(const std::string& path) {
   // a plug-in loaded until it quits. Mark the library as never to be unmapped, so that those
   // tables stay owned by its globals instead of being orphaned when the module is closed.
   dlopen(path.c_str(), RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE);
+  CheckSameBuild(path);
   return module;
 }
 

@@ -30,7 +30,12 @@ std::vector<std::string> PluginCandidates();
 // The plug-in path: --plugin, else $VELTRISCA_PLUGIN, else the first candidate that exists;
 // throws CliError(kExitEffect) naming the places it looked when none does.
 std::string ResolvePluginPath(const std::string& option);
-// Loads the plug-in; throws CliError(kExitEffect) with the loader's reason.
+// The build identity the plug-in file at `path` carries (effect/host/BuildStamp.h); "" when
+// it carries none.
+std::string PluginBuildId(const std::string& path);
+// Loads the plug-in; throws CliError(kExitEffect) with the loader's reason, or when the
+// plug-in is not of the build whose code the tool links (its build identity differs): the tool
+// maps positions (stmap, lens --from) and reads the lens record with its own copy.
 std::unique_ptr<hostsim::PluginModule> LoadEffect(const std::string& path);
 // "516 (PF_Err_BAD_CALLBACK_PARAM)".
 std::string EffectErrorText(PF_Err err);
