@@ -27,7 +27,7 @@
 #include <tuple>
 #include <vector>
 
-#include "cli/Commands.h"
+#include "cli/CommandLine.h"
 
 namespace vt_cli_test {
 

@@ -1,0 +1,34 @@
+// A lens test chart: a checkerboard with straight grid lines on its cell edges, concentric
+// circles and a cross through the image centre (where the lens centre of a plate of the same
+// size lies), and a border. Straight lines bend visibly under distortion; the circles show
+// whether it is radial.
+#ifndef VT_CLI_CHART_H
+#define VT_CLI_CHART_H
+
+#include <string>
+#include <vector>
+
+#include "cli/lens/LensOptions.h"
+
+namespace veltrisca {
+
+// Geometry of the chart for a frame size, in pixels.
+struct ChartGeometry {
+  double centreX = 0, centreY = 0;  // the frame centre, W/2 and H/2 (pixel positions are indices)
+  double cell = 0;                  // checker cell and grid spacing
+  double line = 0;                  // line width
+  double ringSpacing = 0;           // radius step of the circles
+};
+ChartGeometry ChartGeometryFor(ImageSize size);
+
+// RGBA samples (0..1, opaque), row by row, each pixel the mean of 4 x 4 sub-samples.
+std::vector<float> RenderChart(ImageSize size);
+
+// Writes the chart to `path` (atomically). `depth` is "8", "16", "half", "float" or empty
+// (from the extension: OpenEXR half, Radiance float, everything else 8 bits). Alpha is written
+// when the format can hold it.
+void WriteChart(const std::string& path, ImageSize size, const std::string& depth);
+
+}  // namespace veltrisca
+
+#endif

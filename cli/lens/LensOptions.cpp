@@ -1,0 +1,351 @@
+#include "cli/lens/LensOptions.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <cerrno>
+#include <climits>
+#include <cmath>
+#include <cstdlib>
+
+#include "cli/shared/Errors.h"
+
+namespace veltrisca {
+
+namespace {
+
+std::string Lower(std::string s) {
+  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return s;
+}
+
+std::string Quoted(const std::string& text) { return "\"" + text + "\""; }
+
+// Whole-string parse of a long long; false on anything else (blanks, signs alone, overflow).
+bool ToLongLong(const std::string& text, long long* value) {
+  if (text.empty() || std::isspace(static_cast<unsigned char>(text[0]))) return false;
+  errno = 0;
+  char* end = nullptr;
+  const long long v = std::strtoll(text.c_str(), &end, 10);
+  if (errno != 0 || end == text.c_str() || *end != '\0') return false;
+  *value = v;
+  return true;
+}
+
+}  // namespace
+
+std::string NumberText(double v) {
+  char text[32];
+  const auto result = std::to_chars(text, text + sizeof text, v);
+  return std::string(text, result.ptr);
+}
+
+double ParseSlider(const std::string& option, const std::string& text, SliderRange range) {
+  const std::string rangeText = RangeText(range);
+  if (text.empty() || std::isspace(static_cast<unsigned char>(text[0]))) {
+    throw UsageError(option + ": expected a number in " + rangeText + ", got " + Quoted(text));
+  }
+  errno = 0;
+  char* end = nullptr;
+  const double v = std::strtod(text.c_str(), &end);
+  if (end == text.c_str() || *end != '\0') {
+    throw UsageError(option + ": expected a number in " + rangeText + ", got " + Quoted(text));
+  }
+  // strtod accepts "inf" and "nan" and saturates overflow to infinity (ERANGE); a
+  // denormal underflow (also ERANGE) is a legitimate, tiny value.
+  if (!std::isfinite(v)) {
+    throw UsageError(option + ": " + Quoted(text) + " is not a finite number; the range is " +
+                     rangeText);
+  }
+  if (v < range.minimum || v > range.maximum) {
+    throw UsageError(option + ": " + text + " is outside the slider range " + rangeText);
+  }
+  return v;
+}
+
+int ParseInt(const std::string& option, const std::string& text, int min, int max) {
+  long long v = 0;
+  if (!ToLongLong(text, &v)) {
+    throw UsageError(option + ": expected a whole number, got " + Quoted(text));
+  }
+  if (v < min || v > max) {
+    throw UsageError(option + ": " + text + " is outside " + std::to_string(min) + ".." +
+                     std::to_string(max));
+  }
+  return static_cast<int>(v);
+}
+
+ImageSize ParseSize(const std::string& option, const std::string& text, int maxSide) {
+  const size_t x = text.find_first_of("xX");
+  long long w = 0, h = 0;
+  if (x == std::string::npos || !ToLongLong(text.substr(0, x), &w) ||
+      !ToLongLong(text.substr(x + 1), &h)) {
+    throw UsageError(option + ": expected WIDTHxHEIGHT in whole pixels, got " + Quoted(text));
+  }
+  if (w < 1 || h < 1 || w > maxSide || h > maxSide) {
+    throw UsageError(option + ": " + text + " is outside 1x1.." + std::to_string(maxSide) + "x" +
+                     std::to_string(maxSide) + " (sizes are whole positive pixel counts)");
+  }
+  return ImageSize{static_cast<int>(w), static_cast<int>(h)};
+}
+
+PF_LRect ParseRect(const std::string& option, const std::string& text) {
+  long long v[4] = {0, 0, 0, 0};
+  size_t start = 0;
+  for (int i = 0; i < 4; ++i) {
+    const size_t comma = text.find(',', start);
+    const bool last = (i == 3);
+    if (last != (comma == std::string::npos)) {
+      throw UsageError(option + ": expected LEFT,TOP,RIGHT,BOTTOM, got " + Quoted(text));
+    }
+    const std::string part = text.substr(start, last ? std::string::npos : comma - start);
+    if (!ToLongLong(part, &v[i]) || v[i] < INT32_MIN || v[i] > INT32_MAX) {
+      throw UsageError(option + ": " + Quoted(part) + " in " + Quoted(text) +
+                       " is not a 32-bit whole number");
+    }
+    start = comma + 1;
+  }
+  return PF_LRect{static_cast<A_long>(v[0]), static_cast<A_long>(v[1]),
+                  static_cast<A_long>(v[2]), static_cast<A_long>(v[3])};
+}
+
+int ParseChoice(int index, const std::string& text, const std::string& option) {
+  const ParamEntry& param = Param(index);
+  const std::string s = Lower(text);
+  for (int c = 0; c < param.choiceCount; ++c) {
+    if (s == param.choices[c].word) return c + 1;
+  }
+  throw UsageError((option.empty() ? std::string(param.option) : option) + ": expected " +
+                   ChoiceList(index) + ", got " + Quoted(text));
+}
+
+const char* ChoiceName(int index, int choice) {
+  const ParamEntry& param = Param(index);
+  return choice >= 1 && choice <= param.choiceCount ? param.choices[choice - 1].hostText : "?";
+}
+
+const char* ChoiceWord(int index, int choice) {
+  const ParamEntry& param = Param(index);
+  return choice >= 1 && choice <= param.choiceCount ? param.choices[choice - 1].word : "?";
+}
+
+std::string ChoiceList(int index) {
+  const ParamEntry& param = Param(index);
+  std::string list;
+  for (int c = 0; c < param.choiceCount; ++c) {
+    list += c == 0 ? "" : c + 1 == param.choiceCount ? " or " : ", ";
+    list += param.choices[c].word;
+  }
+  return list;
+}
+
+std::string KernelFilterWords() {
+  std::string words;
+  for (int f = 1; f <= kFilterChoices; ++f) {
+    if (IsKernelFilter(f)) words += (words.empty() ? "" : ", ") + std::string(ChoiceWord(kParamFilter, f));
+  }
+  return words;
+}
+
+std::string RangeText(const SliderRange& range) {
+  return NumberText(range.minimum) + ".." + NumberText(range.maximum);
+}
+
+const std::vector<const ParamEntry*>& LensOptionOrder() {
+  static const std::vector<const ParamEntry*> order = [] {
+    std::vector<const ParamEntry*> entries;
+    for (const ParamEntry& param : kParamTable) entries.push_back(&param);
+    std::stable_sort(entries.begin(), entries.end(), [](const ParamEntry* a, const ParamEntry* b) {
+      return static_cast<int>(a->kind) < static_cast<int>(b->kind);
+    });
+    return entries;
+  }();
+  return order;
+}
+
+std::array<std::string, kParamCount> LensOptionText::DefaultTexts() {
+  std::array<std::string, kParamCount> texts;
+  for (const ParamEntry& param : kParamTable) {
+    if (param.defaultFromImage) continue;
+    std::string& text = texts[static_cast<size_t>(param.index)];
+    if (param.kind == ParamKind::kPopup) text = ChoiceWord(param.index, param.defaultChoice);
+    if (param.kind == ParamKind::kFloatSlider) text = NumberText(param.range.dephault);
+  }
+  return texts;
+}
+
+LensSettings ParseLensOptions(const LensOptionText& text) {
+  const auto slider = [&text](int index) {
+    return ParseSlider(Param(index).option, text[index], Param(index).range);
+  };
+  const auto size = [&text](int index) {
+    return text[index].empty() ? std::nullopt
+                               : std::optional<ImageSize>(ParseSize(Param(index).option, text[index]));
+  };
+  LensSettings s;
+  s.mode = ParseChoice(kParamMode, text[kParamMode]);
+  s.filter = ParseChoice(kParamFilter, text[kParamFilter]);
+  s.distortion = slider(kParamDistortion);
+  s.cubic = slider(kParamCubic);
+  s.quartic = slider(kParamQuartic);
+  s.zoom = slider(kParamZoom);
+  s.pixelAspectGiven = !text[kParamPixelAspect].empty();
+  if (s.pixelAspectGiven) s.pixelAspect = slider(kParamPixelAspect);
+  s.distortedSize = size(kParamDistortedSize);
+  s.undistortedSize = size(kParamUndistortedSize);
+  return s;
+}
+
+int SettingChoice(const LensSettings& settings, int index) {
+  return index == kParamMode ? settings.mode : settings.filter;
+}
+
+double SettingNumber(const LensSettings& settings, int index) {
+  switch (index) {
+    case kParamDistortion: return settings.distortion;
+    case kParamCubic: return settings.cubic;
+    case kParamQuartic: return settings.quartic;
+    case kParamZoom: return settings.zoom;
+    default: return settings.pixelAspect;
+  }
+}
+
+std::optional<ImageSize> SettingSize(const LensSettings& settings, int index) {
+  return index == kParamDistortedSize ? settings.distortedSize : settings.undistortedSize;
+}
+
+LensSizes ResolveSizes(const LensSettings& settings, ImageSize layer,
+                       std::optional<ImageSize> otherDefault) {
+  const bool apply = settings.mode == kModeApply;
+  const std::optional<ImageSize>& tied = apply ? settings.undistortedSize : settings.distortedSize;
+  const std::optional<ImageSize>& other =
+      apply ? settings.distortedSize : settings.undistortedSize;
+  const char* tiedOption = apply ? "--undistorted-size" : "--distorted-size";
+  if (!tied && (layer.width > kMaxImageSide || layer.height > kMaxImageSide)) {
+    throw IoError("the input layer is " + std::to_string(layer.width) + "x" +
+                  std::to_string(layer.height) + ", larger than the " +
+                  std::to_string(kMaxImageSide) + " pixels the effect's size parameters hold; " +
+                  "give " + tiedOption + " explicitly");
+  }
+  const ImageSize first = tied ? *tied : layer;
+  const ImageSize second = other ? *other : otherDefault ? *otherDefault : first;
+  return apply ? LensSizes{second, first} : LensSizes{first, second};
+}
+
+hostsim::ParamValues ToParamValues(const LensSettings& settings, const LensSizes& sizes) {
+  hostsim::ParamValues p;
+  p.mode = settings.mode;
+  p.filter = settings.filter;
+  p.distortion = settings.distortion;
+  p.cubic = settings.cubic;
+  p.quartic = settings.quartic;
+  p.zoom = settings.zoom;
+  p.pixelAspect = settings.pixelAspect;
+  const LensSizes handed = EffectSizes(settings, sizes);
+  p.distortedWidth = handed.distorted.width;
+  p.distortedHeight = handed.distorted.height;
+  p.undistortedWidth = handed.undistorted.width;
+  p.undistortedHeight = handed.undistorted.height;
+  return p;
+}
+
+LensSizes EffectSizes(const LensSettings& settings, const LensSizes& sizes) {
+  const double pa = settings.pixelAspect;
+  if (pa == 1.0) return sizes;
+  LensSizes handed = sizes;
+  if (settings.mode == kModeApply) {
+    // Equal sizes make the effect measure its input and output pixels as pa wide; only that
+    // equality test reads the distorted size in Apply.
+    handed.distorted = sizes.undistorted;
+    return handed;
+  }
+  // Remove with unequal sizes measures input and output pixels as pa wide and makes the frame
+  // Wu / pa output pixels wide: Wu is the undistorted width in square units.
+  const long long wide =
+      static_cast<long long>(std::ceil(pa * sizes.undistorted.width - 1e-9));
+  if (wide > kMaxImageSide) {
+    throw IoError("the undistorted width of " + std::to_string(sizes.undistorted.width) +
+                  " pixels at pixel aspect " + NumberText(pa) + " is " + std::to_string(wide) +
+                  " square pixels, more than the " + std::to_string(kMaxImageSide) +
+                  " the effect's size parameters hold; give a smaller --undistorted-size");
+  }
+  // Rounded up, so that the effect's frame holds the window RemoveWindow chooses.
+  int wu = static_cast<int>(std::max(1LL, wide));
+  if (wu == sizes.distorted.width && sizes.undistorted.height == sizes.distorted.height) {
+    // Equal sizes would make the effect count the aspect twice. One square unit more leaves
+    // the mapping alone (it depends on the height only) and widens the effect's frame by
+    // 1 / pa pixels, beyond the window.
+    if (wu == kMaxImageSide) {
+      throw IoError("the undistorted width of " + std::to_string(sizes.undistorted.width) +
+                    " pixels at pixel aspect " + NumberText(pa) + " reaches the " +
+                    std::to_string(kMaxImageSide) +
+                    " square pixels the effect's size parameters hold; give a smaller "
+                    "--undistorted-size");
+    }
+    ++wu;
+  }
+  handed.undistorted.width = wu;
+  return handed;
+}
+
+DefaultWindow RemoveWindow(const PF_LRect& maxResultRect, const LensSizes& sizes,
+                           double pixelAspect) {
+  DefaultWindow w;
+  // The frame reaches one column and row further than the image so that the last pixel's
+  // right and bottom neighbours can be sampled; the image itself ends one short of it.
+  w.rect = maxResultRect;
+  w.rect.right = static_cast<A_long>(std::max<long long>(INT32_MIN, maxResultRect.right - 1LL));
+  w.rect.bottom = static_cast<A_long>(std::max<long long>(INT32_MIN, maxResultRect.bottom - 1LL));
+  if (pixelAspect != 1.0) {
+    // The effect's frame is the undistorted width in square units over the aspect (a fraction
+    // of a pixel wider than asked, EffectSizes); the columns are those the same frame has on
+    // square pixels, as the effect truncates them.
+    const double centre = sizes.distorted.width / 2.0, half = sizes.undistorted.width / 2.0;
+    w.rect.left = std::max(w.rect.left, static_cast<A_long>(centre - half));
+    w.rect.right = std::min(w.rect.right, static_cast<A_long>(centre + half + 1.5) - 1);
+  }
+  // The frame is centred on the plate; with an odd margin its truncated left edge cannot be.
+  const long long width = static_cast<long long>(w.rect.right) - w.rect.left;
+  const long long height = static_cast<long long>(w.rect.bottom) - w.rect.top;
+  w.halfPixelX = width == sizes.undistorted.width &&
+                 ((sizes.undistorted.width - sizes.distorted.width) & 1) != 0;
+  w.halfPixelY = height == sizes.undistorted.height &&
+                 ((sizes.undistorted.height - sizes.distorted.height) & 1) != 0;
+  return w;
+}
+
+namespace {
+
+// Start of a span of `length` pixels centred on `centre`; sets *half when the exact start
+// is a half-pixel position (then the start is rounded down).
+A_long CentredStart(float centre, int length, bool* half) {
+  const double twice = std::isfinite(centre) ? std::round(2.0 * centre) : 0.0;
+  const long long doubled = static_cast<long long>(std::clamp(twice, -4e9, 4e9)) - length;
+  *half = (doubled & 1) != 0;
+  const long long start = doubled >= 0 ? doubled / 2 : -((-doubled + 1) / 2);
+  return static_cast<A_long>(std::clamp<long long>(start, INT32_MIN / 2, INT32_MAX / 2));
+}
+
+}  // namespace
+
+DefaultWindow ApplyWindow(float lensCentreX, float lensCentreY, ImageSize distorted) {
+  DefaultWindow w;
+  w.rect.left = CentredStart(lensCentreX, distorted.width, &w.halfPixelX);
+  w.rect.top = CentredStart(lensCentreY, distorted.height, &w.halfPixelY);
+  w.rect.right = w.rect.left + distorted.width;
+  w.rect.bottom = w.rect.top + distorted.height;
+  return w;
+}
+
+
+long long RectArea(const PF_LRect& r) {
+  if (IsEmptyRect(&r)) return 0;
+  return (static_cast<long long>(r.right) - r.left) * (static_cast<long long>(r.bottom) - r.top);
+}
+
+std::string RectText(const PF_LRect& r) {
+  return std::to_string(r.left) + "," + std::to_string(r.top) + "," + std::to_string(r.right) +
+         "," + std::to_string(r.bottom);
+}
+
+}  // namespace veltrisca
