@@ -1,5 +1,9 @@
 #include "cli/chart/Chart.h"
 
+#include <CLI/CLI.hpp>
+
+#include "cli/image/OutputFile.h"
+
 #include <OpenImageIO/imageio.h>
 
 #include <algorithm>
@@ -147,6 +151,32 @@ void WriteChart(const std::string& path, ImageSize size, const std::string& dept
   if (!out) throw IoError(path + ": " + OIIO::geterror());
   WriteImageFile(std::move(out), temp.path(), path, spec, OIIO::TypeDesc::FLOAT, rgba.data());
   temp.Commit();
+}
+
+int RunChart(const ChartCommand& command) {
+  const ImageSize size = ParseSize("--size", command.size);
+  WriteChart(command.output, size, command.depth);
+  return kExitOk;
+}
+
+CommandEntry AddChartCommand(CLI::App& app) {
+  auto command = std::make_shared<ChartCommand>();
+  ChartCommand& chart = *command;
+  CLI::App* chartApp = app.add_subcommand("chart", "Write a lens test chart");
+  chartApp->add_option("OUT", chart.output, "output image")->required();
+  chartApp->add_option("--size", chart.size, "chart size")->type_name("WxH")->capture_default_str();
+  chartApp->add_option("--depth", chart.depth,
+                       "8, 16, half or float (default: half for .exr, float for .hdr, else 8)")
+      ->type_name("D");
+  AddVerbosity(chartApp, &chart.verbose, &chart.quiet, "print what was written and the time");
+
+  return CommandEntry{chartApp, [command](const CommandContext& context) {
+                        const int code = RunChart(*command);
+                        if (command->verbose && !command->quiet) {
+                          ReportWritten(command->output, true, context.started, context.out);
+                        }
+                        return code;
+                      }};
 }
 
 }  // namespace veltrisca

@@ -6,11 +6,25 @@
 #define VT_CLI_CHART_H
 
 #include <string>
+
+#include "cli/shared/Command.h"
 #include <vector>
 
 #include "cli/lens/LensOptions.h"
 
 namespace veltrisca {
+
+struct ChartCommand {
+  std::string output;
+  std::string size = "1920x1080";
+  std::string depth;  // empty: from the extension
+  bool verbose = false;  // -v
+  bool quiet = false;    // -q
+};
+
+int RunChart(const ChartCommand& command);
+
+CommandEntry AddChartCommand(CLI::App& app);
 
 // Geometry of the chart for a frame size, in pixels.
 struct ChartGeometry {

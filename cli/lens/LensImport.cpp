@@ -15,6 +15,7 @@
 #include <tuple>
 
 #include "cli/image/AtomicFile.h"
+#include "cli/image/OutputFile.h"
 #include "cli/shared/Errors.h"
 #include "cli/lens/LensFile.h"
 #include "cli/shared/Memory.h"
@@ -550,6 +551,28 @@ int RunLens(const LensCommand& command, const std::string& plugin, std::ostream&
   WriteText(LensFileText(settings, summary), command.output, out);
   if (!command.quiet) (command.output.empty() ? err : out) << report.str();
   return kExitOk;
+}
+
+CommandEntry AddLensCommand(CLI::App& app) {
+  auto command = std::make_shared<LensCommand>();
+  LensCommand& lens = *command;
+  CLI::App* lensApp = app.add_subcommand(
+      "lens", "Write a lens file from the lens options, or import a lens from elsewhere");
+  AddLensOptions(lensApp, &lens.lens);
+  lensApp->add_option("-o,--output", lens.output, "lens file to write (default: standard output)")
+      ->type_name("FILE.json");
+  AddImportOptions(lensApp, &lens);
+  AddVerbosity(lensApp, &lens.verbose, &lens.quiet,
+               "with -o: print what was written and the time (an import always reports)");
+
+  return CommandEntry{lensApp, [command, lensApp](const CommandContext& context) {
+                        ApplyLensFile(lensApp, &command->lens);
+                        const int code = RunLens(*command, context.plugin, context.out, context.err);
+                        if (command->verbose && !command->quiet && !command->output.empty()) {
+                          ReportWritten(command->output, false, context.started, context.out);
+                        }
+                        return code;
+                      }};
 }
 
 }  // namespace veltrisca

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "cli/lens/LensOptions.h"
+#include "cli/shared/Command.h"
 
 namespace CLI {
 class App;
@@ -29,11 +30,15 @@ struct LensCommand {
   std::string fx, fy, cx, cy;
   std::string maker, model, focal, crop;
   bool quiet = false;  // -q: no report, no warnings
+  bool verbose = false;  // -v
 };
 
 void AddImportOptions(CLI::App* lens, LensCommand* command);
 int RunLens(const LensCommand& command, const std::string& plugin, std::ostream& out,
             std::ostream& err);
+
+// `veltrisca lens`: a lens file from the lens options, or a lens imported from elsewhere.
+CommandEntry AddLensCommand(CLI::App& app);
 
 // The source lens: for an undistorted position (pixel indices), the distorted position.
 using SourceMapping = std::function<void(double x, double y, double* xd, double* yd)>;

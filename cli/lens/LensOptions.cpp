@@ -1,5 +1,7 @@
 #include "cli/lens/LensOptions.h"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <cctype>
 #include <charconv>
@@ -8,6 +10,7 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "cli/lens/LensFile.h"
 #include "cli/shared/Errors.h"
 
 namespace veltrisca {
@@ -346,6 +349,48 @@ long long RectArea(const PF_LRect& r) {
 std::string RectText(const PF_LRect& r) {
   return std::to_string(r.left) + "," + std::to_string(r.top) + "," + std::to_string(r.right) +
          "," + std::to_string(r.bottom);
+}
+
+// The help of a lens option, from the parameter table: the choices of a popup (with their
+// glosses), a slider's host name and range, a point's host name; then the table's remark.
+std::string LensOptionHelp(const ParamEntry& param) {
+  std::string help;
+  if (param.kind == ParamKind::kPopup) {
+    for (int c = 0; c < param.choiceCount; ++c) {
+      help += c == 0 ? "" : c + 1 == param.choiceCount ? " or " : ", ";
+      help += param.choices[c].word;
+      if (param.choices[c].gloss) help += std::string(" (") + param.choices[c].gloss + ")";
+    }
+  } else {
+    help = param.hostName;
+    if (param.kind == ParamKind::kFloatSlider) help += ", " + RangeText(param.range);
+  }
+  return *param.help ? help + " " + param.help : help;
+}
+
+void AddLensOptions(CLI::App* sub, LensOptionText* lens) {
+  for (const ParamEntry* param : LensOptionOrder()) {
+    CLI::Option* option =
+        sub->add_option(param->option, (*lens)[param->index], LensOptionHelp(*param))
+            ->type_name(param->valueName);
+    if (!param->defaultFromImage) option->capture_default_str();
+  }
+  sub->add_option("--lens", lens->file,
+                  "lens file (JSON), or an image that records a lens (all but its mode), for "
+                  "every lens option not given on the command line")
+      ->type_name("FILE.json|IMAGE");
+}
+
+// Fills the lens options not given on the command line from --lens and notes which options
+// are given; returns the keys taken from --lens.
+std::vector<std::string> ApplyLensFile(const CLI::App* sub, LensOptionText* lens) {
+  const auto onCommandLine = [sub](const std::string& option) {
+    return sub->get_option(option)->count() > 0;
+  };
+  std::vector<std::string> taken;
+  if (!lens->file.empty()) taken = MergeLensFile(lens->file, lens, onCommandLine);
+  lens->given = GivenLensKeys(onCommandLine, taken);
+  return taken;
 }
 
 }  // namespace veltrisca

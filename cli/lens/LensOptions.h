@@ -14,6 +14,10 @@
 #include "common/Rect.h"
 #include "hostsim/Host.h"
 
+namespace CLI {
+class App;
+}
+
 namespace veltrisca {
 
 struct ImageSize {
@@ -144,6 +148,12 @@ DefaultWindow ApplyWindow(float lensCentreX, float lensCentreY, ImageSize distor
 
 long long RectArea(const PF_LRect& r);  // 0 for an empty rectangle
 std::string RectText(const PF_LRect& r);  // "L,T,R,B"
+
+// Registers the lens options (from the parameter table) and --lens with a command.
+void AddLensOptions(CLI::App* sub, LensOptionText* lens);
+// After parsing: fills the lens options not given on the command line from --lens and notes
+// which options are given; returns the keys taken from --lens.
+std::vector<std::string> ApplyLensFile(const CLI::App* sub, LensOptionText* lens);
 
 }  // namespace veltrisca
 

@@ -14,39 +14,6 @@
 
 namespace veltrisca {
 
-RenderJob MakeRenderJob(const RenderCommand& command, const std::string& plugin) {
-  RenderJob job;
-  job.lens = command.lens;
-  job.settings = ParseLensOptions(command.lens);
-  job.threads = ParseInt("--threads", command.threads, 0, kMaxThreads);
-  if (!command.window.empty()) {
-    job.window = ParseRect("--window", command.window);
-    if (IsEmptyRect(&*job.window)) throw UsageError("--window: " + command.window + " is empty");
-  }
-  if (command.fit && job.settings.mode != kModeRemove) {
-    throw UsageError("--fit chooses the undistorted size of a remove; apply takes it from the "
-                     "input (its data window when that holds overscan)");
-  }
-  if (command.fit && job.settings.undistortedSize) {
-    throw UsageError("--fit and --undistorted-size both choose the undistorted size; give one");
-  }
-  if (command.desqueeze && job.settings.mode != kModeRemove) {
-    throw UsageError("--desqueeze resamples a remove's result to square pixels; to apply a "
-                     "lens to a square-pixel image, squeeze it to the plate's pixel aspect first "
-                     "(oiiotool --resize)");
-  }
-  job.fit = command.fit;
-  job.desqueeze = command.desqueeze;
-  job.alpha = command.alpha;
-  job.channelFilters = ParseChannelFilters(command.channelFilters);
-  job.addAlpha = command.addAlpha;
-  job.output = OutputChoice{command.dataType, command.compression};
-  job.verbose = command.verbose;
-  job.quiet = command.quiet;
-  job.module = LoadEffect(ResolvePluginPath(plugin));
-  return job;
-}
-
 void Notes::operator()(const std::string& text) {
   if (quiet_) return;
   std::lock_guard<std::mutex> lock(mutex_);

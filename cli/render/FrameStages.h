@@ -18,7 +18,6 @@
 
 #include "cli/image/AtomicFile.h"
 #include "cli/render/ChannelFilters.h"
-#include "cli/CommandLine.h"
 #include "cli/image/ImageGeometry.h"
 #include "cli/image/ImageIO.h"
 #include "cli/lens/LensOptions.h"
@@ -45,8 +44,6 @@ struct RenderJob {
   bool pipelined = false;  // frames overlap: memory for one more input and output frame
   std::unique_ptr<hostsim::PluginModule> module;
 };
-// Parses and checks the command's options (CliError(kExitUsage)) and loads the effect.
-RenderJob MakeRenderJob(const RenderCommand& command, const std::string& plugin);
 
 // Remarks and warnings for stderr, each distinct text once per command: a sequence would
 // otherwise repeat them for every frame. Safe to call from several threads.

@@ -204,20 +204,6 @@ std::string FramesText(const std::vector<int>& frames) {
   return (frames.size() == 1 ? "frame " : "frames ") + FrameListText(frames);
 }
 
-// The message and exit code of a failure.
-std::pair<std::string, int> Describe(const std::exception_ptr& error) {
-  try {
-    std::rethrow_exception(error);
-  } catch (const CliError& e) {
-    return {e.what(), e.exitCode()};
-  } catch (const std::bad_alloc&) {
-    return {"out of memory", kExitIo};
-  } catch (const std::system_error& e) {
-    return {SystemErrorText(e), kExitIo};
-  } catch (const std::exception& e) {
-    return {e.what(), kExitIo};
-  }
-}
 
 }  // namespace
 
@@ -288,7 +274,7 @@ int RenderSelection(RenderJob& job, const FrameSelection& selection,
         progress.Done(stage->files, Progress::Outcome::kFailed,
                       selection.numbered ? MessageLine("frame " +
                                                        std::to_string(*stage->files.frame) +
-                                                       ": " + Describe(stage->error).first)
+                                                       ": " + FailureOf(stage->error).message)
                                          : std::string());
         if (stopAtFailure) break;
       } else {
@@ -359,7 +345,7 @@ int RenderSelection(RenderJob& job, const FrameSelection& selection,
     err << "veltrisca: " << failures.size() << " of " << selection.frames.size()
         << " frames failed: " << FrameListText(frames) << "\n";
   }
-  return Describe(failures.front().second).second;
+  return FailureOf(failures.front().second).exitCode;
 }
 
 }  // namespace veltrisca

@@ -3,6 +3,8 @@
 #define VT_CLI_SHARED_ERRORS_H
 
 #include <cstring>
+#include <exception>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -66,6 +68,27 @@ inline std::string MessageLine(const std::string& message) {
     }
   }
   return line;
+}
+
+// The message and exit code of any failure a command lets out: a CliError's own, "out of
+// memory" and a library's system or other error as input/output (exit 2). The one mapping of
+// failures to exit codes, used by the command line and by each frame of a shot.
+struct Failure {
+  std::string message;
+  int exitCode;
+};
+inline Failure FailureOf(const std::exception_ptr& error) {
+  try {
+    std::rethrow_exception(error);
+  } catch (const CliError& e) {
+    return {e.what(), e.exitCode()};
+  } catch (const std::bad_alloc&) {
+    return {"out of memory", kExitIo};
+  } catch (const std::system_error& e) {
+    return {SystemErrorText(e), kExitIo};
+  } catch (const std::exception& e) {
+    return {e.what(), kExitIo};
+  }
 }
 
 }  // namespace veltrisca

@@ -1,5 +1,7 @@
 #include "cli/stmap/StMap.h"
 
+#include <CLI/CLI.hpp>
+
 #include <OpenImageIO/imageio.h>
 
 #include <algorithm>
@@ -9,6 +11,7 @@
 #include <optional>
 
 #include "cli/image/AtomicFile.h"
+#include "cli/image/OutputFile.h"
 #include "cli/shared/Errors.h"
 #include "cli/image/ImageGeometry.h"
 #include "cli/lens/LensFile.h"
@@ -268,6 +271,45 @@ int RunStMap(const StMapCommand& command, const std::string& plugin, std::ostrea
                  pixelsOut.data());
   temp.Commit();
   return kExitOk;
+}
+
+CommandEntry AddStMapCommand(CLI::App& app) {
+  auto command = std::make_shared<StMapCommand>();
+  StMapCommand& stmap = *command;
+  CLI::App* stmapApp = app.add_subcommand(
+      "stmap", "Write the effect's output-to-input mapping as an ST map (32-bit float EXR)");
+  stmapApp->add_option("OUT", stmap.output, "output map, .exr (written whole or not at all)")
+      ->required();
+  AddLensOptions(stmapApp, &stmap.lens);
+  stmapApp->add_option("--size", stmap.size, "input frame size (the layer)")
+      ->type_name("WxH")
+      ->capture_default_str();
+  stmapApp->add_option("--like", stmap.like,
+                       "take the frame size, overscan and pixel aspect from this image")
+      ->type_name("IMAGE");
+  stmapApp->add_flag("--both", stmap.both,
+                     "remove map in R,G and apply map in B,A (coverage in remove.A, apply.A)");
+  stmapApp->add_option("--window", stmap.window,
+                       "data window in layer pixels, for overscan (default: the output frame)")
+      ->type_name("L,T,R,B");
+  stmapApp->add_option("--threads", stmap.threads, "render threads (0: all cores)")
+      ->type_name("N")
+      ->capture_default_str();
+  AddVerbosity(stmapApp, &stmap.verbose, &stmap.quiet, "print what was written and the time");
+
+  return CommandEntry{stmapApp, [command, stmapApp](const CommandContext& context) {
+    const std::vector<std::string> taken = ApplyLensFile(stmapApp, &command->lens);
+    const ParamEntry& aspect = Param(kParamPixelAspect);
+    command->pixelAspectGiven =
+        stmapApp->get_option(aspect.option)->count() > 0 ||
+        std::find(taken.begin(), taken.end(), aspect.lensKey) != taken.end();
+    std::ostream silent(nullptr);  // -q: notes go nowhere
+    const int code = RunStMap(*command, context.plugin, command->quiet ? silent : context.err);
+    if (command->verbose && !command->quiet) {
+      ReportWritten(command->output, true, context.started, context.out);
+    }
+    return code;
+  }};
 }
 
 }  // namespace veltrisca

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "cli/lens/LensOptions.h"
+#include "cli/shared/Command.h"
 #include "lens/LensData.h"
 
 namespace veltrisca {
@@ -23,6 +24,8 @@ struct StMapCommand {
   std::string threads = "0";
   bool both = false;
   bool pixelAspectGiven = false;  // on the command line or in a lens file
+  bool verbose = false;  // -v
+  bool quiet = false;    // -q
 };
 
 // The input positions (layer pixels) that the effect's run mapping gives for the output
@@ -40,6 +43,8 @@ inline float TCoordinate(float y, int height) {
 }
 
 int RunStMap(const StMapCommand& command, const std::string& plugin, std::ostream& note);
+
+CommandEntry AddStMapCommand(CLI::App& app);
 
 }  // namespace veltrisca
 
