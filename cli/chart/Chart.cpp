@@ -134,8 +134,9 @@ void WriteChart(const std::string& path, ImageSize size, const std::string& dept
   const int channels = probe->supports("alpha") ? 4 : 3;
   const long long pixels = static_cast<long long>(size.width) * size.height;
   // The float chart plus the converted copy the writer may make.
-  const uint64_t need = static_cast<uint64_t>(pixels) * (16 + channels * format.size());
-  CheckMemory(need, AvailableMemoryBytes(), "a " + std::to_string(size.width) + "x" +
+  const uint64_t need = FloatBytes(static_cast<uint64_t>(pixels) * 4) +
+                        static_cast<uint64_t>(pixels) * channels * format.size();
+  CheckMemory(need, "a " + std::to_string(size.width) + "x" +
                                                 std::to_string(size.height) + " chart");
 
   std::vector<float> rgba = RenderChart(size);

@@ -60,7 +60,6 @@ struct FileSamples<32> {
   static T ToFile(T v) { return v; }
 };
 
-int SampleBytes(Depth depth) { return PixelDepthOf(depth).bytes / 4; }
 
 }  // namespace
 
@@ -494,16 +493,6 @@ OIIO::ImageSpec CheckWholeImage(const std::string& path) {
   }
   in->close();
   return spec;
-}
-
-uint64_t FileBufferBytes(long long pixels, int channels, Depth depth) {
-  return static_cast<uint64_t>(std::max(pixels, 0LL)) * static_cast<uint64_t>(channels) *
-         static_cast<uint64_t>(SampleBytes(depth));
-}
-
-uint64_t WorldBytes(long long pixels, Depth depth) {
-  return static_cast<uint64_t>(std::max(pixels, 0LL)) *
-         static_cast<uint64_t>(PixelDepthOf(depth).bytes);
 }
 
 PixelBuffer ReadPixels(InputImage& image, std::vector<uint8_t> storage) {

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "AE_Effect.h"
+#include "cli/shared/Memory.h"
 #include "hostsim/World.h"
 
 namespace veltrisca {
@@ -90,10 +91,6 @@ struct Pass {
 std::unique_ptr<hostsim::World> PassLayer(const PixelBuffer& pixels, const Pass& pass,
                                           int originX, int originY, const PF_LRect& layer,
                                           std::unique_ptr<hostsim::World> reuse = nullptr);
-
-// Bytes of one interleaved buffer and of one host world.
-uint64_t FileBufferBytes(long long pixels, int channels, Depth depth);
-uint64_t WorldBytes(long long pixels, Depth depth);
 
 // The output file's channels, decided from the input before any rendering: the input's
 // channels in their order, with an alpha channel "A" added at the end when addAlpha is set

@@ -40,9 +40,8 @@ int RunInfo(const InfoCommand& command, const std::string& plugin, std::ostream&
                                ? PF_LRect{0, 0, layer.width, layer.height}
                                : ParseRect("--request", command.request);
   const long long pixels = static_cast<long long>(layer.width) * layer.height;
-  CheckMemory(WorldBytes(pixels, Depth::k8), AvailableMemoryBytes(),
-              "a " + std::to_string(layer.width) + "x" + std::to_string(layer.height) +
-                  " input layer");
+  CheckMemory(WorldBytes(pixels, Depth::k8), "a " + std::to_string(layer.width) + "x" +
+                                                 std::to_string(layer.height) + " input layer");
 
   const auto module = LoadEffect(ResolvePluginPath(plugin));
   EffectSession session(*module, ToParamValues(settings, sizes), 0);

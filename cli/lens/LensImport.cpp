@@ -440,8 +440,8 @@ Errors Compare(const SourceMapping& source, const VtAFXLensData* lens, const Sou
 // effect's positions for one band of rows.
 uint64_t ImportBytes(const std::string& from, ImageSize frame) {
   const uint64_t pixels = static_cast<uint64_t>(frame.width) * static_cast<uint64_t>(frame.height);
-  const uint64_t band = static_cast<uint64_t>(frame.width) * kBandRows * 2 * sizeof(float);
-  return (from == "lensfun" ? 2 * pixels * 2 * sizeof(float) : 0) + band;
+  const uint64_t band = FloatBytes(static_cast<uint64_t>(frame.width) * kBandRows * 2);
+  return (from == "lensfun" ? 2 * FloatBytes(pixels * 2) : 0) + band;
 }
 
 double SliderValue(int index, double k) {
@@ -482,9 +482,9 @@ int RunLens(const LensCommand& command, const std::string& plugin, std::ostream&
   if (command.from != "opencv" && command.from != "ffmpeg" && command.from != "lensfun") {
     throw UsageError("--from: expected opencv, ffmpeg or lensfun, got \"" + command.from + "\"");
   }
-  CheckMemory(ImportBytes(command.from, frame), AvailableMemoryBytes(),
-              "importing a lens for a " + std::to_string(frame.width) + "x" +
-                  std::to_string(frame.height) + " frame");
+  CheckMemory(ImportBytes(command.from, frame), "importing a lens for a " +
+                                                    std::to_string(frame.width) + "x" +
+                                                    std::to_string(frame.height) + " frame");
   Imported im;
   if (command.from == "opencv") {
     im = FromOpenCv(command, frame);

@@ -211,8 +211,7 @@ FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& no
   const uint64_t need = (job.pipelined ? 2 : 1) * (inputBuffer + outputBuffer) +
                         2 * WorldBytes(layerPixels, input.depth) +
                         WorldBytes(windowPixels, input.depth);
-  CheckMemory(need, AvailableMemoryBytes(),
-              "rendering " + files.input + " into a " +
+  CheckMemory(need, "rendering " + files.input + " into a " +
                   std::to_string(plan.window.right - plan.window.left) + " x " +
                   std::to_string(plan.window.bottom - plan.window.top) + " window");
   if (windowPixels > kLargeOutputPixels) {

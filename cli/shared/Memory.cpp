@@ -106,4 +106,19 @@ void CheckMemory(uint64_t needed, uint64_t available, const std::string& what) {
   }
 }
 
+void CheckMemory(uint64_t needed, const std::string& what) {
+  CheckMemory(needed, AvailableMemoryBytes(), what);
+}
+
+uint64_t FileBufferBytes(long long pixels, int channels, Depth depth) {
+  // A sample is a quarter of a pixel of the depth.
+  return static_cast<uint64_t>(std::max(pixels, 0LL)) * static_cast<uint64_t>(channels) *
+         static_cast<uint64_t>(PixelDepthOf(depth).bytes / 4);
+}
+
+uint64_t WorldBytes(long long pixels, Depth depth) {
+  return static_cast<uint64_t>(std::max(pixels, 0LL)) *
+         static_cast<uint64_t>(PixelDepthOf(depth).bytes);
+}
+
 }  // namespace veltrisca

@@ -203,10 +203,12 @@ int RunStMap(const StMapCommand& command, const std::string& plugin, std::ostrea
                      std::to_string(kMaxImageSide * 4) + " pixels a side)");
   }
   const uint64_t pixels = static_cast<uint64_t>(w) * static_cast<uint64_t>(h);
-  CheckMemory(pixels * (channels * 4 + 8 + 2 * 4 + 1) +
-                  2 * WorldBytes(static_cast<long long>(layer.width) * layer.height,
-                                 Depth::k8),
-              AvailableMemoryBytes(), "a " + std::to_string(w) + " x " + std::to_string(h) + " map");
+  // The map, the positions of one direction (x, y), its coverage as two floats and a byte,
+  // and the host's layer twice.
+  CheckMemory(FloatBytes(pixels * channels) + FloatBytes(pixels * 2) + FloatBytes(pixels * 2) +
+                  pixels + 2 * WorldBytes(static_cast<long long>(layer.width) * layer.height,
+                                          Depth::k8),
+              "a " + std::to_string(w) + " x " + std::to_string(h) + " map");
 
   for (Direction& d : directions) Cover(*module, settings, sizes, threads, window, &d);
 
