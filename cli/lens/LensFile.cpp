@@ -169,8 +169,11 @@ bool SameValue(const Key& key, const std::string& a, const std::string& b) {
       case Kind::kText:
         return ParseChoice(key.index, a) == ParseChoice(key.index, b);
       case Kind::kNumber:
-        return static_cast<float>(std::strtod(a.c_str(), nullptr)) ==
-               static_cast<float>(std::strtod(b.c_str(), nullptr));
+      {
+        double x = 0, y = 0;
+        return ReadReal(a, &x) && ReadReal(b, &y) &&
+               static_cast<float>(x) == static_cast<float>(y);
+      }
       case Kind::kSize: {
         const ImageSize sa = ParseSize(key.option, a), sb = ParseSize(key.option, b);
         return sa.width == sb.width && sa.height == sb.height;

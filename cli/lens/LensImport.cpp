@@ -49,11 +49,9 @@ void AddImportOptions(CLI::App* lens, LensCommand* c) {
 namespace {
 
 double ParseReal(const std::string& option, const std::string& text) {
-  errno = 0;
-  char* end = nullptr;
-  const double v = std::strtod(text.c_str(), &end);
-  if (text.empty() || end == text.c_str() || *end != '\0' || !std::isfinite(v)) {
-    throw UsageError(option + ": expected a finite number, got \"" + text + "\"");
+  double v = 0;
+  if (!ReadReal(text, &v) || !std::isfinite(v)) {
+    throw UsageError(option + ": expected a finite number, got " + Quoted(text));
   }
   return v;
 }

@@ -17,41 +17,12 @@ namespace veltrisca {
 
 namespace {
 
-std::string Lower(std::string s) {
-  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return s;
-}
-
-std::string Quoted(const std::string& text) { return "\"" + text + "\""; }
-
-// Whole-string parse of a long long; false on anything else (blanks, signs alone, overflow).
-bool ToLongLong(const std::string& text, long long* value) {
-  if (text.empty() || std::isspace(static_cast<unsigned char>(text[0]))) return false;
-  errno = 0;
-  char* end = nullptr;
-  const long long v = std::strtoll(text.c_str(), &end, 10);
-  if (errno != 0 || end == text.c_str() || *end != '\0') return false;
-  *value = v;
-  return true;
-}
-
 }  // namespace
-
-std::string NumberText(double v) {
-  char text[32];
-  const auto result = std::to_chars(text, text + sizeof text, v);
-  return std::string(text, result.ptr);
-}
 
 double ParseSlider(const std::string& option, const std::string& text, SliderRange range) {
   const std::string rangeText = RangeText(range);
-  if (text.empty() || std::isspace(static_cast<unsigned char>(text[0]))) {
-    throw UsageError(option + ": expected a number in " + rangeText + ", got " + Quoted(text));
-  }
-  errno = 0;
-  char* end = nullptr;
-  const double v = std::strtod(text.c_str(), &end);
-  if (end == text.c_str() || *end != '\0') {
+  double v = 0;
+  if (!ReadReal(text, &v)) {
     throw UsageError(option + ": expected a number in " + rangeText + ", got " + Quoted(text));
   }
   // strtod accepts "inf" and "nan" and saturates overflow to infinity (ERANGE); a
@@ -64,52 +35,6 @@ double ParseSlider(const std::string& option, const std::string& text, SliderRan
     throw UsageError(option + ": " + text + " is outside the slider range " + rangeText);
   }
   return v;
-}
-
-int ParseInt(const std::string& option, const std::string& text, int min, int max) {
-  long long v = 0;
-  if (!ToLongLong(text, &v)) {
-    throw UsageError(option + ": expected a whole number, got " + Quoted(text));
-  }
-  if (v < min || v > max) {
-    throw UsageError(option + ": " + text + " is outside " + std::to_string(min) + ".." +
-                     std::to_string(max));
-  }
-  return static_cast<int>(v);
-}
-
-ImageSize ParseSize(const std::string& option, const std::string& text, int maxSide) {
-  const size_t x = text.find_first_of("xX");
-  long long w = 0, h = 0;
-  if (x == std::string::npos || !ToLongLong(text.substr(0, x), &w) ||
-      !ToLongLong(text.substr(x + 1), &h)) {
-    throw UsageError(option + ": expected WIDTHxHEIGHT in whole pixels, got " + Quoted(text));
-  }
-  if (w < 1 || h < 1 || w > maxSide || h > maxSide) {
-    throw UsageError(option + ": " + text + " is outside 1x1.." + std::to_string(maxSide) + "x" +
-                     std::to_string(maxSide) + " (sizes are whole positive pixel counts)");
-  }
-  return ImageSize{static_cast<int>(w), static_cast<int>(h)};
-}
-
-PF_LRect ParseRect(const std::string& option, const std::string& text) {
-  long long v[4] = {0, 0, 0, 0};
-  size_t start = 0;
-  for (int i = 0; i < 4; ++i) {
-    const size_t comma = text.find(',', start);
-    const bool last = (i == 3);
-    if (last != (comma == std::string::npos)) {
-      throw UsageError(option + ": expected LEFT,TOP,RIGHT,BOTTOM, got " + Quoted(text));
-    }
-    const std::string part = text.substr(start, last ? std::string::npos : comma - start);
-    if (!ToLongLong(part, &v[i]) || v[i] < INT32_MIN || v[i] > INT32_MAX) {
-      throw UsageError(option + ": " + Quoted(part) + " in " + Quoted(text) +
-                       " is not a 32-bit whole number");
-    }
-    start = comma + 1;
-  }
-  return PF_LRect{static_cast<A_long>(v[0]), static_cast<A_long>(v[1]),
-                  static_cast<A_long>(v[2]), static_cast<A_long>(v[3])};
 }
 
 int ParseChoice(int index, const std::string& text, const std::string& option) {
@@ -341,15 +266,6 @@ DefaultWindow ApplyWindow(float lensCentreX, float lensCentreY, ImageSize distor
 }
 
 
-long long RectArea(const PF_LRect& r) {
-  if (IsEmptyRect(&r)) return 0;
-  return (static_cast<long long>(r.right) - r.left) * (static_cast<long long>(r.bottom) - r.top);
-}
-
-std::string RectText(const PF_LRect& r) {
-  return std::to_string(r.left) + "," + std::to_string(r.top) + "," + std::to_string(r.right) +
-         "," + std::to_string(r.bottom);
-}
 
 // The help of a lens option, from the parameter table: the choices of a popup (with their
 // glosses), a slider's host name and range, a point's host name; then the table's remark.

@@ -14,33 +14,18 @@
 #include "common/Rect.h"
 #include "hostsim/Host.h"
 
+#include "cli/shared/Numbers.h"
+
 namespace CLI {
 class App;
 }
 
 namespace veltrisca {
 
-struct ImageSize {
-  int width = 0;
-  int height = 0;
-};
-
-// The image sizes reach the effect as 16.16 fixed-point point parameters, whose integer part
-// cannot exceed 32767.
-constexpr int kMaxImageSide = 32767;
-
-constexpr int kMaxThreads = 1024;
 
 // A finite number inside [range.minimum, range.maximum] (the effect's slider ranges, from
 // common/EffectParams.h); `option` names it in messages.
 double ParseSlider(const std::string& option, const std::string& text, SliderRange range);
-// "WxH" with whole positive numbers up to maxSide.
-ImageSize ParseSize(const std::string& option, const std::string& text,
-                    int maxSide = kMaxImageSide);
-// "L,T,R,B": four int32 values (right and bottom exclusive); any rectangle, empty included.
-PF_LRect ParseRect(const std::string& option, const std::string& text);
-// A whole number in [min, max].
-int ParseInt(const std::string& option, const std::string& text, int min, int max);
 // The choice of popup parameter `index` named by `text` (its word, case-insensitive), 1-based:
 // "remove" -> 1, "apply" -> 2; "builtin" .. "mitchell" -> 1..6. `option` names the value in
 // messages (default: the parameter's option).
@@ -63,8 +48,6 @@ std::string ChoiceList(int index);
 std::string KernelFilterWords();
 // "-20000..20000": a slider's range as messages and help write it.
 std::string RangeText(const SliderRange& range);
-// The shortest decimal that reads back as the same double ("0.1", "20000").
-std::string NumberText(double v);
 
 // The parameters in the order the tool lists them (help, lens files, recorded lenses): the
 // popups, the sliders, then the sizes, each group in index order.
@@ -146,8 +129,6 @@ DefaultWindow RemoveWindow(const PF_LRect& maxResultRect, const LensSizes& sizes
 // margin the window starts half a pixel left of (above) the centred position.
 DefaultWindow ApplyWindow(float lensCentreX, float lensCentreY, ImageSize distorted);
 
-long long RectArea(const PF_LRect& r);  // 0 for an empty rectangle
-std::string RectText(const PF_LRect& r);  // "L,T,R,B"
 
 // Registers the lens options (from the parameter table) and --lens with a command.
 void AddLensOptions(CLI::App* sub, LensOptionText* lens);

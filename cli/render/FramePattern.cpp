@@ -7,6 +7,7 @@
 #include <system_error>
 
 #include "cli/shared/Errors.h"
+#include "cli/shared/Numbers.h"
 
 namespace veltrisca {
 
@@ -26,7 +27,9 @@ bool ToFrame(const std::string& text, int* frame, const std::string& what = std:
     throw UsageError(what + ": " + text + " is beyond the largest frame number, " +
                      std::to_string(kMaxFrame));
   }
-  *frame = std::stoi(text);
+  long long value = 0;
+  if (!ReadWhole(text, &value)) return false;
+  *frame = static_cast<int>(value);
   return true;
 }
 
