@@ -20,7 +20,7 @@
 #include "cli/lens/LensFile.h"
 #include "cli/shared/Memory.h"
 #include "cli/session/EffectSession.h"
-#include "cli/stmap/StMap.h"
+#include "cli/session/Positions.h"
 
 namespace veltrisca {
 

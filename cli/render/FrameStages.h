@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "cli/image/AtomicFile.h"
+#include "cli/render/FrameFiles.h"
 #include "cli/render/ChannelFilters.h"
 #include "cli/image/ImageGeometry.h"
 #include "cli/image/ImageIO.h"
@@ -59,13 +60,6 @@ class Notes {
   std::set<std::string> said_;
 };
 
-// The files of one frame; `frame` names it in messages when the files are numbered.
-struct FrameFiles {
-  std::optional<int> frame;
-  std::string input;
-  std::string output;
-};
-
 // Everything decided from a frame's header, before its pixels are read.
 struct FramePlan {
   LensSettings settings;  // with the file's pixel aspect
@@ -105,7 +99,6 @@ class OutputFramePlanner {
   std::vector<Known> known_;
 };
 
-using Clock = std::chrono::steady_clock;
 
 // Frame buffers handed back for the next frames: fresh memory costs a page fault for every
 // 4 KiB on first touch, a noticeable share of a large frame's time. Safe from any thread.

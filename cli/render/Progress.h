@@ -16,7 +16,7 @@
 #include <ostream>
 #include <string>
 
-#include "cli/render/FrameStages.h"
+#include "cli/render/FrameFiles.h"
 
 namespace veltrisca {
 

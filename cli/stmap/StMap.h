@@ -11,7 +11,6 @@
 
 #include "cli/lens/LensOptions.h"
 #include "cli/shared/Command.h"
-#include "lens/LensData.h"
 
 namespace veltrisca {
 
@@ -27,12 +26,6 @@ struct StMapCommand {
   bool verbose = false;  // -v
   bool quiet = false;    // -q
 };
-
-// The input positions (layer pixels) that the effect's run mapping gives for the output
-// pixels of `window`, row by row, x and y interleaved: exactly the positions the row render
-// hands its samplers (before it moves them into an input buffer placed at the layer origin).
-// The lens record must come from a pre-render of the effect.
-std::vector<float> MapWindow(const VtAFXLensData& lens, const PF_LRect& window);
 
 // Nuke's ST convention for an input position given in pixel indices.
 inline float SCoordinate(float x, int width) {
