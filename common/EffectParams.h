@@ -213,6 +213,25 @@ static_assert(ParamTableInIndexOrder(), "entry i - 1 of the table is parameter i
 // The entry of parameter `index` (kParamMode .. kParamUndistortedSize).
 constexpr const ParamEntry& Param(int32_t index) { return kParamTable[index - kParamMode]; }
 
+// True when every parameter holds the same value in `a` and `b`: what a host would check out
+// is the same.
+inline bool SameParamValues(const EffectParamValues& a, const EffectParamValues& b) {
+  for (const ParamEntry& p : kParamTable) {
+    switch (p.kind) {
+      case ParamKind::kPopup:
+        if (a.*p.choiceValue != b.*p.choiceValue) return false;
+        break;
+      case ParamKind::kFloatSlider:
+        if (a.*p.numberValue != b.*p.numberValue) return false;
+        break;
+      case ParamKind::kPoint:
+        if (a.*p.xValue != b.*p.xValue || a.*p.yValue != b.*p.yValue) return false;
+        break;
+    }
+  }
+  return true;
+}
+
 // A position in pixels as the host's 16.16 fixed point: the product x * 65536 in single
 // precision, rounded to nearest (ties to even). Positions beyond the int32 range saturate;
 // NaN becomes the most negative value, far outside any image.

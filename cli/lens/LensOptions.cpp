@@ -47,6 +47,18 @@ int ParseChoice(int index, const std::string& text, const std::string& option) {
                    ChoiceList(index) + ", got " + Quoted(text));
 }
 
+int ParseMode(const std::string& text) { return ParseChoice(kParamMode, text); }
+
+int ParseFilter(const std::string& text, const std::string& option) {
+  return ParseChoice(kParamFilter, text, option);
+}
+
+const char* ModeName(int mode) {
+  return ChoiceName(kParamMode, mode == kModeApply ? kModeApply : kModeRemove);
+}
+
+const char* FilterName(int filter) { return ChoiceName(kParamFilter, filter); }
+
 const char* ChoiceName(int index, int choice) {
   const ParamEntry& param = Param(index);
   return choice >= 1 && choice <= param.choiceCount ? param.choices[choice - 1].hostText : "?";

@@ -30,18 +30,14 @@ double ParseSlider(const std::string& option, const std::string& text, SliderRan
 // "remove" -> 1, "apply" -> 2; "builtin" .. "mitchell" -> 1..6. `option` names the value in
 // messages (default: the parameter's option).
 int ParseChoice(int index, const std::string& text, const std::string& option = "");
-inline int ParseMode(const std::string& text) { return ParseChoice(kParamMode, text); }
-inline int ParseFilter(const std::string& text, const std::string& option = "--filter") {
-  return ParseChoice(kParamFilter, text, option);
-}
+int ParseMode(const std::string& text);
+int ParseFilter(const std::string& text, const std::string& option = "--filter");
 // The text the host shows for a choice ("Remove", "Mitchell-Netravali"); "?" out of range.
 const char* ChoiceName(int index, int choice);
 // The word of a choice as the tool and lens files write it ("apply", "lanczos2").
 const char* ChoiceWord(int index, int choice);
-inline const char* ModeName(int mode) {  // a mode other than Apply is taken as Remove
-  return ChoiceName(kParamMode, mode == kModeApply ? kModeApply : kModeRemove);
-}
-inline const char* FilterName(int filter) { return ChoiceName(kParamFilter, filter); }
+const char* ModeName(int mode);  // a mode other than Apply is taken as Remove
+const char* FilterName(int filter);
 // "builtin, nearest, bilinear, lanczos2, lanczos3 or mitchell".
 std::string ChoiceList(int index);
 // "lanczos2, lanczos3, mitchell": the words of the filters IsKernelFilter names.

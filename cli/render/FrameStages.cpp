@@ -135,14 +135,6 @@ std::string ClippedChannels(const InputImage& input, const FramePlan& plan,
   return names;
 }
 
-bool SameParams(const hostsim::ParamValues& a, const hostsim::ParamValues& b) {
-  return a.mode == b.mode && a.filter == b.filter && a.distortion == b.distortion &&
-         a.cubic == b.cubic && a.quartic == b.quartic && a.zoom == b.zoom &&
-         a.distortedWidth == b.distortedWidth && a.distortedHeight == b.distortedHeight &&
-         a.pixelAspect == b.pixelAspect && a.undistortedWidth == b.undistortedWidth &&
-         a.undistortedHeight == b.undistortedHeight;
-}
-
 constexpr long long kLargeOutputPixels = 100000000;
 
 // The frame's lens settings, sizes, windows and output file, from its header; warns about what
@@ -244,7 +236,7 @@ std::pair<PreRenderReadBack, DefaultWindow> OutputFramePlanner::Get(
     return a.width == b.width && a.height == b.height;
   };
   for (const Known& k : known_) {
-    if (SameParams(k.params, params) && same(k.sizes.distorted, sizes.distorted) &&
+    if (SameParamValues(k.params, params) && same(k.sizes.distorted, sizes.distorted) &&
         same(k.sizes.undistorted, sizes.undistorted)) {
       return k.result;
     }
@@ -307,7 +299,7 @@ ReadFrame ReadFrameFiles(const RenderJob& job, OutputFramePlanner& planner, Note
 RenderedFrame FrameRenderer::Render(ReadFrame frame, Notes& notes, BufferPool& pool,
                                     const std::function<void(int64_t, int64_t)>& rowProgress) {
   const FramePlan& plan = frame.plan;
-  if (!session_ || !SameParams(params_, plan.params)) {
+  if (!session_ || !SameParamValues(params_, plan.params)) {
     if (session_) session_->Finish();
     session_.reset();
     session_ = std::make_unique<EffectSession>(*job_.module, plan.params, job_.threads);
