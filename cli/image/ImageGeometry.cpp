@@ -122,4 +122,53 @@ std::string AspectText(const LensSettings& settings, const LensSizes& sizes) {
   return text;
 }
 
+DefaultWindow RemoveWindow(const PF_LRect& maxResultRect, const LensSizes& sizes,
+                           double pixelAspect) {
+  DefaultWindow w;
+  // The frame reaches one column and row further than the image so that the last pixel's
+  // right and bottom neighbours can be sampled; the image itself ends one short of it.
+  w.rect = maxResultRect;
+  w.rect.right = static_cast<A_long>(std::max<long long>(INT32_MIN, maxResultRect.right - 1LL));
+  w.rect.bottom = static_cast<A_long>(std::max<long long>(INT32_MIN, maxResultRect.bottom - 1LL));
+  if (pixelAspect != 1.0) {
+    // The effect's frame is the undistorted width in square units over the aspect (a fraction
+    // of a pixel wider than asked, EffectSizes); the columns are those the same frame has on
+    // square pixels, as the effect truncates them.
+    const double centre = sizes.distorted.width / 2.0, half = sizes.undistorted.width / 2.0;
+    w.rect.left = std::max(w.rect.left, static_cast<A_long>(centre - half));
+    w.rect.right = std::min(w.rect.right, static_cast<A_long>(centre + half + 1.5) - 1);
+  }
+  // The frame is centred on the plate; with an odd margin its truncated left edge cannot be.
+  const long long width = static_cast<long long>(w.rect.right) - w.rect.left;
+  const long long height = static_cast<long long>(w.rect.bottom) - w.rect.top;
+  w.halfPixelX = width == sizes.undistorted.width &&
+                 ((sizes.undistorted.width - sizes.distorted.width) & 1) != 0;
+  w.halfPixelY = height == sizes.undistorted.height &&
+                 ((sizes.undistorted.height - sizes.distorted.height) & 1) != 0;
+  return w;
+}
+
+namespace {
+
+// Start of a span of `length` pixels centred on `centre`; sets *half when the exact start
+// is a half-pixel position (then the start is rounded down).
+A_long CentredStart(float centre, int length, bool* half) {
+  const double twice = std::isfinite(centre) ? std::round(2.0 * centre) : 0.0;
+  const long long doubled = static_cast<long long>(std::clamp(twice, -4e9, 4e9)) - length;
+  *half = (doubled & 1) != 0;
+  const long long start = doubled >= 0 ? doubled / 2 : -((-doubled + 1) / 2);
+  return static_cast<A_long>(std::clamp<long long>(start, INT32_MIN / 2, INT32_MAX / 2));
+}
+
+}  // namespace
+
+DefaultWindow ApplyWindow(float lensCentreX, float lensCentreY, ImageSize distorted) {
+  DefaultWindow w;
+  w.rect.left = CentredStart(lensCentreX, distorted.width, &w.halfPixelX);
+  w.rect.top = CentredStart(lensCentreY, distorted.height, &w.halfPixelY);
+  w.rect.right = w.rect.left + distorted.width;
+  w.rect.bottom = w.rect.top + distorted.height;
+  return w;
+}
+
 }  // namespace veltrisca

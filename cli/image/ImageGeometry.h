@@ -1,4 +1,6 @@
-// Where the lens frame lies in a file, and the windows of the file written.
+// The geometry of an image file as every command reads it: where the lens frame lies in the
+// file, its pixel aspect, the default output window of each mode, and the windows of the file
+// written.
 //
 // The layer the effect sees has its origin at a point of the input file: in Remove the top
 // left of the plate's frame (its display window); in Apply the top left of the undistorted
@@ -22,6 +24,23 @@
 #include "common/Rect.h"
 
 namespace veltrisca {
+
+// The output rectangle rendered when --window is not given.
+struct DefaultWindow {
+  PF_LRect rect{};
+  bool halfPixelX = false;  // the window sits half a pixel off the lens centre horizontally
+  bool halfPixelY = false;
+};
+
+// Remove: the effect's output frame without the extra last column and row it reports; with a
+// pixel aspect other than 1, the columns the frame of the file's undistorted width would
+// have on square pixels.
+DefaultWindow RemoveWindow(const PF_LRect& maxResultRect, const LensSizes& sizes,
+                           double pixelAspect = 1.0);
+// Apply: a window of the distorted size centred on the lens centre (lensCentreX/Y are the
+// layer position of the normalised origin, which the effect keeps in pixOffsetX/Y). With an odd
+// margin the window starts half a pixel left of (above) the centred position.
+DefaultWindow ApplyWindow(float lensCentreX, float lensCentreY, ImageSize distorted);
 
 struct LayerPlacement {
   int originX = 0, originY = 0;  // file position of the layer's (0, 0)

@@ -1,5 +1,6 @@
-// Command-line values of the veltrisca tool: strict parsing, range checks against the effect's
-// slider ranges, the defaulting of the two lens image sizes, and the default output window.
+// The lens options of the veltrisca tool, read from the parameter table (common/EffectParams.h):
+// their registration and help, parsing with range checks against the effect's slider ranges,
+// the defaulting of the two lens image sizes, and their hand-over to the effect's parameters.
 // Every parser throws CliError(kExitUsage) with a message that names the option.
 #ifndef VT_CLI_LENS_LENSOPTIONS_H
 #define VT_CLI_LENS_LENSOPTIONS_H
@@ -108,22 +109,6 @@ LensSizes ResolveSizes(const LensSettings& settings, ImageSize layer,
 hostsim::ParamValues ToParamValues(const LensSettings& settings, const LensSizes& sizes);
 LensSizes EffectSizes(const LensSettings& settings, const LensSizes& sizes);
 
-// The output rectangle rendered when --window is not given.
-struct DefaultWindow {
-  PF_LRect rect{};
-  bool halfPixelX = false;  // the window sits half a pixel off the lens centre horizontally
-  bool halfPixelY = false;
-};
-
-// Remove: the effect's output frame without the extra last column and row it reports; with a
-// pixel aspect other than 1, the columns the frame of the file's undistorted width would
-// have on square pixels.
-DefaultWindow RemoveWindow(const PF_LRect& maxResultRect, const LensSizes& sizes,
-                           double pixelAspect = 1.0);
-// Apply: a window of the distorted size centred on the lens centre (lensCentreX/Y are the
-// layer position of the normalised origin, which the effect keeps in pixOffsetX/Y). With an odd
-// margin the window starts half a pixel left of (above) the centred position.
-DefaultWindow ApplyWindow(float lensCentreX, float lensCentreY, ImageSize distorted);
 
 
 // Registers the lens options (from the parameter table) and --lens with a command.

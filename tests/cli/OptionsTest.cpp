@@ -4,6 +4,7 @@
 
 #include "CliTestSupport.h"
 #include "cli/shared/Errors.h"
+#include "cli/image/ImageGeometry.h"
 #include "cli/lens/LensOptions.h"
 
 namespace veltrisca {
