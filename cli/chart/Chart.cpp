@@ -11,7 +11,7 @@
 #include <cmath>
 #include <filesystem>
 
-#include "cli/image/AtomicFile.h"
+#include "cli/shared/AtomicFile.h"
 #include "cli/shared/Errors.h"
 #include "cli/image/ImageIO.h"
 #include "cli/shared/Memory.h"
@@ -174,7 +174,7 @@ CommandEntry AddChartCommand(CLI::App& app) {
   return CommandEntry{chartApp, [command](const CommandContext& context) {
                         const int code = RunChart(*command);
                         if (command->verbose && !command->quiet) {
-                          ReportWritten(command->output, true, context.started, context.out);
+                          ReportWritten(command->output, context.started, context.out);
                         }
                         return code;
                       }};

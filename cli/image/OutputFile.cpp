@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "cli/shared/Command.h"
 #include "cli/shared/Errors.h"
 
 namespace veltrisca {
@@ -302,20 +303,17 @@ void WriteOutput(const std::string& path, const std::string& shownPath, const In
 
 // -v of the commands that write one file: what was written (an image's size, channels, type
 // and format, from its header) and how long it took.
-void ReportWritten(const std::string& path, bool image,
-                   std::chrono::steady_clock::time_point started, std::ostream& out) {
-  char time[32];
-  std::snprintf(time, sizeof time, "%.2f s",
-                std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count());
+void ReportWritten(const std::string& path, std::chrono::steady_clock::time_point started,
+                   std::ostream& out) {
   out << "wrote " << path;
-  if (auto in = image ? OIIO::ImageInput::open(path) : nullptr) {
+  if (auto in = OIIO::ImageInput::open(path)) {
     const OIIO::ImageSpec& s = in->spec();
     out << ": " << s.width << "x" << s.height << ", " << s.nchannels << " channels, "
         << TypeName(s.format) << " " << in->format_name();
-  } else if (image) {
+  } else {
     OIIO::geterror();  // written a moment ago; say no more than the path
   }
-  out << ", " << time << "\n";
+  out << ", " << ElapsedText(started) << "\n";
 }
 
 }  // namespace veltrisca

@@ -45,10 +45,10 @@ void WriteOutput(const std::string& path, const std::string& shownPath, const In
 // "uint8", "half", ... as oiiotool spells them.
 std::string TypeName(OIIO::TypeDesc type);
 
-// -v of the commands that write one file: what was written (an image's size, channels, type
-// and format, from its header) and how long it took since `started`.
-void ReportWritten(const std::string& path, bool image,
-                   std::chrono::steady_clock::time_point started, std::ostream& out);
+// -v of the commands that write one image: what was written (its size, channels, type and
+// format, from its header) and how long it took since `started`.
+void ReportWritten(const std::string& path, std::chrono::steady_clock::time_point started,
+                   std::ostream& out);
 
 }  // namespace veltrisca
 

@@ -14,8 +14,7 @@
 #include <sstream>
 #include <tuple>
 
-#include "cli/image/AtomicFile.h"
-#include "cli/image/OutputFile.h"
+#include "cli/shared/AtomicFile.h"
 #include "cli/shared/Errors.h"
 #include "cli/lens/LensFile.h"
 #include "cli/shared/Memory.h"
@@ -567,7 +566,8 @@ CommandEntry AddLensCommand(CLI::App& app) {
                         ApplyLensFile(lensApp, &command->lens);
                         const int code = RunLens(*command, context.plugin, context.out, context.err);
                         if (command->verbose && !command->quiet && !command->output.empty()) {
-                          ReportWritten(command->output, false, context.started, context.out);
+                          context.out << "wrote " << command->output << ", "
+                                      << ElapsedText(context.started) << "\n";
                         }
                         return code;
                       }};

@@ -16,7 +16,7 @@
 #include <utility>
 #include <vector>
 
-#include "cli/image/AtomicFile.h"
+#include "cli/shared/AtomicFile.h"
 #include "cli/render/FrameFiles.h"
 #include "cli/render/ChannelFilters.h"
 #include "cli/image/ImageGeometry.h"

@@ -13,7 +13,7 @@
 #include <system_error>
 #include <thread>
 
-#include "cli/image/AtomicFile.h"
+#include "cli/shared/AtomicFile.h"
 #include "cli/shared/Errors.h"
 #include "cli/render/FramePattern.h"
 #include "hostsim/ThreadPool.h"

@@ -2,7 +2,16 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstdio>
+
 namespace veltrisca {
+
+std::string ElapsedText(std::chrono::steady_clock::time_point started) {
+  char time[32];
+  std::snprintf(time, sizeof time, "%.2f s",
+                std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count());
+  return time;
+}
 
 void AddVerbosity(CLI::App* sub, bool* verbose, bool* quiet, const std::string& verboseHelp) {
   sub->add_flag("-v,--verbose", *verbose, verboseHelp);

@@ -30,6 +30,9 @@ struct CommandEntry {
   std::function<int(const CommandContext&)> run;
 };
 
+// "0.42 s": the time since `started`, for -v.
+std::string ElapsedText(std::chrono::steady_clock::time_point started);
+
 // -v and -q: every command takes both.
 void AddVerbosity(CLI::App* sub, bool* verbose, bool* quiet, const std::string& verboseHelp);
 

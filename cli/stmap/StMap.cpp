@@ -10,7 +10,7 @@
 #include <memory>
 #include <optional>
 
-#include "cli/image/AtomicFile.h"
+#include "cli/shared/AtomicFile.h"
 #include "cli/image/OutputFile.h"
 #include "cli/shared/Errors.h"
 #include "cli/image/ImageGeometry.h"
@@ -282,7 +282,7 @@ CommandEntry AddStMapCommand(CLI::App& app) {
     std::ostream silent(nullptr);  // -q: notes go nowhere
     const int code = RunStMap(*command, context.plugin, command->quiet ? silent : context.err);
     if (command->verbose && !command->quiet) {
-      ReportWritten(command->output, true, context.started, context.out);
+      ReportWritten(command->output, context.started, context.out);
     }
     return code;
   }};

@@ -16,8 +16,8 @@
 // behind; the next TempOutputFile of any veltrisca process in that folder removes such files
 // when they were written on this machine and their lock is free. Files of other machines (a
 // folder shared over NFS) are left alone: whether their writer lives cannot be told from here.
-#ifndef VT_CLI_ATOMICFILE_H
-#define VT_CLI_ATOMICFILE_H
+#ifndef VT_CLI_SHARED_ATOMICFILE_H
+#define VT_CLI_SHARED_ATOMICFILE_H
 
 #include <string>
 

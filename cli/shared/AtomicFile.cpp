@@ -1,4 +1,4 @@
-#include "cli/image/AtomicFile.h"
+#include "cli/shared/AtomicFile.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
