@@ -10,7 +10,7 @@
 //
 // Windows: positions in a file are those of its data window (the pixels it holds) and display
 // window (its frame), in the file's own pixel coordinates; the layer the effect sees has its
-// origin at a point of the file chosen by the caller (see Frames.h).
+// origin at a point of the file chosen by the caller (see cli/image/ImageGeometry.h).
 #ifndef VT_CLI_IMAGEIO_H
 #define VT_CLI_IMAGEIO_H
 

@@ -55,9 +55,9 @@ const std::vector<const ParamEntry*>& LensOptionOrder();
 // the parameters whose default comes from the image (pixel aspect and sizes).
 struct LensOptionText {
   std::array<std::string, kParamCount> text = DefaultTexts();
-  std::string file;  // --lens: a lens file for the options not given (cli/LensFile.h)
+  std::string file;  // --lens: a lens file for the options not given (cli/lens/LensFile.h)
   // The keys ("distortion", "pixelAspect", ...) given on the command line or by --lens; the
-  // others hold defaults, which a lens recorded in the input replaces (cli/LensFile.h).
+  // others hold defaults, which a lens recorded in the input replaces (cli/lens/LensFile.h).
   std::vector<std::string> given;
 
   std::string& operator[](int index) { return text[static_cast<size_t>(index)]; }

@@ -1,5 +1,5 @@
 // One frame of `veltrisca render` in three steps, each of which a sequence runs on its own
-// thread so that they overlap (RenderSequence.h): read (header, plan, pixels), render (the
+// thread so that they overlap (cli/render/ShotPipeline.h): read (header, plan, pixels), render (the
 // effect's passes), write (the output file, atomically).
 #ifndef VT_CLI_RENDER_FRAMESTAGES_H
 #define VT_CLI_RENDER_FRAMESTAGES_H

@@ -133,7 +133,7 @@ int RunStMap(const StMapCommand& command, const std::string& plugin, std::ostrea
   std::optional<LayerPlacement> likeFrame;  // where the lens frame lies in the --like image
   PF_LRect likeDisplay{};
   if (like) {
-    // The lens set on the image exactly as render sets it (cli/Frames.h).
+    // The lens set on the image exactly as render sets it (cli/image/ImageGeometry.h).
     likeDisplay = like->displayWindow;
     const FileLens lens = PlanFileLens(first, *like, false);
     settings.pixelAspect = lens.settings.pixelAspect;
