@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "Commands.h"
-#include "Signals.h"
+#include "cli/CommandLine.h"
+#include "cli/shared/Signals.h"
 
 int main(int argc, char** argv) {
   veltrisca::InstallSignalHandlers();

@@ -511,31 +511,23 @@ PF_Err HostCallbacks::CheckoutParam(Host* host, PF_ParamIndex index, A_long time
       def = host->addedParams_[static_cast<size_t>(index) - 1];
     }
   }
+  // The kind and the value of each parameter come from the parameter table.
   const ParamValues& v = host->params;
-  auto popup = [&](int value) {
-    def.param_type = PF_Param_POPUP;
-    def.u.pd.value = value;
-  };
-  auto slider = [&](double value) {
-    def.param_type = PF_Param_FLOAT_SLIDER;
-    def.u.fs_d.value = value;
-  };
-  auto point = [&](double x, double y) {
-    def.param_type = PF_Param_POINT;
-    def.u.td.x_value = PixelsToFixed(static_cast<float>(x));
-    def.u.td.y_value = PixelsToFixed(static_cast<float>(y));
-  };
-  switch (index) {
-    case kParamMode: popup(v.mode); break;
-    case kParamFilter: popup(v.filter); break;
-    case kParamDistortion: slider(v.distortion); break;
-    case kParamCubic: slider(v.cubic); break;
-    case kParamQuartic: slider(v.quartic); break;
-    case kParamZoom: slider(v.zoom); break;
-    case kParamDistortedSize: point(v.distortedWidth, v.distortedHeight); break;
-    case kParamPixelAspect: slider(v.pixelAspect); break;
-    case kParamUndistortedSize: point(v.undistortedWidth, v.undistortedHeight); break;
-    default: break;
+  const ParamEntry& entry = Param(index);
+  switch (entry.kind) {
+    case ParamKind::kPopup:
+      def.param_type = PF_Param_POPUP;
+      def.u.pd.value = v.*entry.choiceValue;
+      break;
+    case ParamKind::kFloatSlider:
+      def.param_type = PF_Param_FLOAT_SLIDER;
+      def.u.fs_d.value = v.*entry.numberValue;
+      break;
+    case ParamKind::kPoint:
+      def.param_type = PF_Param_POINT;
+      def.u.td.x_value = PixelsToFixed(static_cast<float>(v.*entry.xValue));
+      def.u.td.y_value = PixelsToFixed(static_cast<float>(v.*entry.yValue));
+      break;
   }
   *param = def;
   return PF_Err_NONE;

@@ -55,17 +55,9 @@ class PluginModule {
   PF_FilterProc entry_ = nullptr;
 };
 
-// The values the host's parameter checkout returns, in user units. Sizes are in pixels and
-// are handed to the effect as 16.16 fixed-point point parameters.
-struct ParamValues {
-  int mode = kModeRemove;
-  int filter = kFilterLanczos2;
-  double distortion = 0, cubic = 0, quartic = 0;  // the X1000 slider values
-  double zoom = kZoomRange.dephault;
-  double distortedWidth = 1920, distortedHeight = 1080;
-  double pixelAspect = kPixelAspectRange.dephault;
-  double undistortedWidth = 1920, undistortedHeight = 1080;
-};
+// The values the host's parameter checkout returns, in user units (common/EffectParams.h).
+// Sizes are in pixels and are handed to the effect as 16.16 fixed-point point parameters.
+using ParamValues = EffectParamValues;
 
 // Point parameters reach the effect as 16.16 fixed point through PixelsToFixed
 // (common/EffectParams.h), the conversion the effect uses for the host's sampler.

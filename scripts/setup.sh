@@ -9,11 +9,11 @@
 #   libopenimageio-dev              image files; Debian's CMake package for it names the
 #   openimageio-tools               command-line tools (iconvert, oiiotool...) as imported
 #                                   targets and refuses to configure without them
-#   zlib1g-dev                      the PNG chunk checksums of cli/ImageIO.cpp
+#   zlib1g-dev                      the PNG chunk checksums of cli/image/ImageIO.cpp
 #   libcli11-dev                    command-line options
 #   libgtest-dev libgmock-dev       the tests
 #   libbenchmark-dev                the benchmarks
-#   nlohmann-json3-dev              lens files and info --json (cli/LensFile.cpp, cli/Json.cpp)
+#   nlohmann-json3-dev              lens files and info --json (cli/lens/LensFile.cpp, cli/shared/Json.cpp)
 #   liblensfun-dev                  lens --from lensfun reads the lensfun database through
 #   liblensfun-data-v1              liblensfun; the tests compare with its own correction
 #   python3-opencv                  test only: OpenCV's initUndistortRectifyMap as the oracle

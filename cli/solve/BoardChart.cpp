@@ -7,7 +7,7 @@
 #include <cmath>
 
 #include "Photos.h"
-#include "cli/CliError.h"
+#include "cli/shared/Errors.h"
 
 #include <opencv2/aruco/charuco.hpp>
 

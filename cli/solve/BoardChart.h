@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "cli/Options.h"
+#include "cli/lens/LensOptions.h"
 
 namespace veltrisca::solve {
 

@@ -10,8 +10,8 @@
 #include <map>
 #include <sstream>
 
-#include "cli/CliError.h"
-#include "cli/Options.h"
+#include "cli/shared/Errors.h"
+#include "cli/lens/LensOptions.h"
 #include "common/EffectParams.h"
 
 namespace veltrisca::solve {

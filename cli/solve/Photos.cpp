@@ -8,9 +8,9 @@
 #include <cmath>
 #include <cstring>
 
-#include "cli/CliError.h"
-#include "cli/FramePattern.h"
-#include "cli/ImageIO.h"
+#include "cli/shared/Errors.h"
+#include "cli/render/FramePattern.h"
+#include "cli/image/ImageIO.h"
 #include "common/EffectParams.h"
 
 namespace veltrisca::solve {

@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <sstream>
 
-#include "cli/CliError.h"
+#include "cli/shared/Errors.h"
 #include "common/EffectParams.h"
 
 namespace veltrisca::solve {

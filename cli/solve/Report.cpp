@@ -10,8 +10,8 @@
 #include <filesystem>
 #include <map>
 
-#include "cli/AtomicFile.h"
-#include "cli/CliError.h"
+#include "cli/shared/AtomicFile.h"
+#include "cli/shared/Errors.h"
 
 namespace veltrisca::solve {
 

@@ -9,22 +9,21 @@
 #include "Photos.h"
 #include "PlumbLine.h"
 #include "Report.h"
-#include "cli/AtomicFile.h"
-#include "cli/CliError.h"
-#include "cli/LensFile.h"
-#include "cli/Options.h"
+#include "cli/shared/AtomicFile.h"
+#include "cli/shared/Errors.h"
+#include "cli/lens/LensFile.h"
+#include "cli/lens/LensOptions.h"
 #include "common/EffectParams.h"
 
 namespace veltrisca::solve {
 
-std::unique_ptr<SolveCli> AddSolveCommand(CLI::App* tool) {
-  auto cli = std::make_unique<SolveCli>();
-  SolveCommand& c = cli->command;
-  CLI::App* app = tool->add_subcommand(
+CommandEntry AddSolveCommand(CLI::App& tool) {
+  auto command = std::make_shared<SolveCommand>();
+  SolveCommand& c = *command;
+  CLI::App* app = tool.add_subcommand(
       "solve", "Find the lens (distortion, cubic, quartic) that straightens a chessboard's "
                "rows and columns in photos, or lines picked on a plate, and write it as a lens "
                "file");
-  cli->app = app;
   app->add_option("PHOTO", c.photos,
                   "photos of the board, one frame size for all; frame patterns as render takes "
                   "them (grid.####.exr)");
@@ -50,12 +49,13 @@ std::unique_ptr<SolveCli> AddSolveCommand(CLI::App* tool) {
       ->type_name("WxH");
   app->add_option("--frames", c.frames, "frames of a PHOTO pattern: 1001-1100, 1001,1010...")
       ->type_name("LIST");
-  app->add_flag("-v,--verbose", c.verbose, "list the pictures written");
-  app->add_flag("-q,--quiet", c.quiet, "print nothing but errors");
+  AddVerbosity(app, &c.verbose, &c.quiet, "list the pictures written");
   app->footer("Nothing is written when the lens cannot be found (exit 2): no board in any photo, "
               "photos of\ndifferent frames, fewer than two lines of three points, or a lens "
               "that folds inside the frame\nor leaves the sliders' range.");
-  return cli;
+  return CommandEntry{app, [command](const CommandContext& context) {
+                        return RunSolve(*command, context.out, context.err);
+                      }};
 }
 
 namespace {

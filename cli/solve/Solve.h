@@ -1,17 +1,14 @@
 // `veltrisca solve`: the effect's lens from photos of a chessboard, or from lines picked on a
 // plate, by the plumb-line criterion (cli/solve/PlumbLine.h); the report and pictures
-// (cli/solve/Report.h); the result as a lens file (cli/LensFile.h).
+// (cli/solve/Report.h); the result as a lens file (cli/lens/LensFile.h).
 #ifndef VT_CLI_SOLVE_SOLVE_H
 #define VT_CLI_SOLVE_SOLVE_H
 
-#include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
 
-namespace CLI {
-class App;
-}
+#include "cli/shared/Command.h"
 
 namespace veltrisca::solve {
 
@@ -27,12 +24,8 @@ struct SolveCommand {
   bool verbose = false, quiet = false;
 };
 
-// The command on the tool's command line; `app` is its subcommand.
-struct SolveCli {
-  CLI::App* app = nullptr;
-  SolveCommand command;
-};
-std::unique_ptr<SolveCli> AddSolveCommand(CLI::App* tool);
+// Registers the command and its options (cli/shared/Command.h).
+CommandEntry AddSolveCommand(CLI::App& tool);
 
 // Runs it: the report on `out` (nothing with -q), notes and warnings on `err`. Throws
 // CliError; nothing is written unless the lens is.

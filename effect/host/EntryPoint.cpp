@@ -10,10 +10,6 @@
 
 namespace {
 
-static_assert(PF_VERSION(kMajorVersion, kMinorVersion, kBugVersion, PF_Stage_DEVELOP,
-                         kBuildVersion) == 0x90001,
-              "packed version 1.2");
-
 PF_Err About(PF_InData* in_data, PF_OutData* out_data) {
   in_data->utils->ansi.sprintf(out_data->return_msg, "%s %d.%d\r\r%s", GetStringPtr(kStrName),
                                kMajorVersion, kMinorVersion, GetStringPtr(kStrDescription));

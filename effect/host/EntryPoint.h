@@ -3,13 +3,15 @@
 #define VT_HOST_ENTRYPOINT_H
 
 #include "AE_Effect.h"
+#include "common/Version.h"
 #include "host/Exports.h"
 
-// Effect version 1.2, reported in the About text and, packed, at global setup.
-constexpr int kMajorVersion = 1;
-constexpr int kMinorVersion = 2;
-constexpr int kBugVersion = 0;
-constexpr int kBuildVersion = 1;
+// The effect's version (common/Version.h), reported in the About text and, packed, at global
+// setup.
+constexpr int kMajorVersion = kVersionMajor;
+constexpr int kMinorVersion = kVersionMinor;
+constexpr int kBugVersion = kVersionBug;
+constexpr int kBuildVersion = kVersionBuild;
 
 extern "C" {
 // Dispatches `cmd` (compared unsigned; unknown codes return 0 and do nothing). An integer

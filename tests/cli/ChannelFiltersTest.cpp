@@ -5,8 +5,8 @@
 #include <set>
 
 #include "CliTestSupport.h"
-#include "cli/ChannelFilters.h"
-#include "cli/CliError.h"
+#include "cli/render/ChannelFilters.h"
+#include "cli/shared/Errors.h"
 
 namespace {
 

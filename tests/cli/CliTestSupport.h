@@ -27,7 +27,7 @@
 #include <tuple>
 #include <vector>
 
-#include "cli/Commands.h"
+#include "cli/CommandLine.h"
 
 namespace vt_cli_test {
 
@@ -83,7 +83,7 @@ struct RunResult {
 };
 
 // RunCli in this process, with the plug-in built beside the tool (main only sets up the signals
-// of cli/Signals.h and passes the arguments on). File descriptor 2 is captured around the call and put before what
+// of cli/shared/Signals.h and passes the arguments on). File descriptor 2 is captured around the call and put before what
 // the tool wrote to its error stream, so that a library printing on its own shows too.
 inline RunResult RunTool(Args args) {
   args.insert(args.begin(), {"--plugin", VT_EFFECT_PATH});

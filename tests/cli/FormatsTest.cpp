@@ -1,8 +1,8 @@
 // 16-bit sample conversion and the JSON number and string forms.
 
 #include "CliTestSupport.h"
-#include "cli/ImageIO.h"
-#include "cli/Json.h"
+#include "cli/image/ImageIO.h"
+#include "cli/shared/Json.h"
 
 namespace veltrisca {
 namespace {

@@ -3,7 +3,7 @@
 // themselves belong to the effect's own tests.
 
 #include "CliTestSupport.h"
-#include "cli/Fit.h"
+#include "cli/lens/Fit.h"
 
 namespace {
 

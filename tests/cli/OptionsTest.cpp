@@ -3,8 +3,9 @@
 #include <optional>
 
 #include "CliTestSupport.h"
-#include "cli/CliError.h"
-#include "cli/Options.h"
+#include "cli/shared/Errors.h"
+#include "cli/image/ImageGeometry.h"
+#include "cli/lens/LensOptions.h"
 
 namespace veltrisca {
 namespace {

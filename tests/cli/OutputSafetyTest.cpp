@@ -8,7 +8,7 @@
 #include <system_error>
 
 #include "CliTestSupport.h"
-#include "cli/AtomicFile.h"
+#include "cli/shared/AtomicFile.h"
 #include "hostsim/ThreadPool.h"
 
 using namespace vt_cli_test;

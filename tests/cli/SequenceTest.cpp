@@ -2,10 +2,10 @@
 // while it runs, and `render` over a shot as a farm runs it.
 
 #include "CliTestSupport.h"
-#include "cli/CliError.h"
-#include "cli/FramePattern.h"
-#include "cli/Progress.h"
-#include "cli/RenderSequence.h"
+#include "cli/shared/Errors.h"
+#include "cli/render/FramePattern.h"
+#include "cli/render/Progress.h"
+#include "cli/render/ShotPipeline.h"
 
 namespace veltrisca {
 namespace {

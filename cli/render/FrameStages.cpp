@@ -1,0 +1,446 @@
+#include "cli/render/FrameStages.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdio>
+
+#include "cli/shared/Errors.h"
+#include "common/Version.h"
+#include "cli/lens/Fit.h"
+#include "cli/lens/LensFile.h"
+#include "cli/shared/Memory.h"
+
+namespace veltrisca {
+
+void Notes::operator()(const std::string& text) {
+  if (quiet_) return;
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (said_.insert(text).second) stream_ << "veltrisca: " << text << "\n" << std::flush;
+}
+
+namespace {
+
+// Pixels of a rectangle's area, refusing one whose world could not exist at all.
+long long CheckedPixels(const PF_LRect& r, Depth depth, const std::string& what) {
+  const long long w = static_cast<long long>(r.right) - r.left;
+  const long long h = static_cast<long long>(r.bottom) - r.top;
+  const long long perPixel = PixelDepthOf(depth).bytes;
+  if (w > INT_MAX || h > INT_MAX ||
+      static_cast<unsigned long long>(w) * perPixel >
+          hostsim::kMaxWorldBytes / static_cast<unsigned long long>(h)) {
+    throw IoError(what + " of " + std::to_string(w) + " x " + std::to_string(h) +
+                  " pixels exceeds the host's " + ByteText(hostsim::kMaxWorldBytes) +
+                  " per image buffer");
+  }
+  return w * h;
+}
+
+std::string HalfPixelNote(const DefaultWindow& w, const LensSizes& sizes) {
+  std::string axes;
+  if (w.halfPixelX) {
+    axes = "widths " + std::to_string(sizes.distorted.width) + " and " +
+           std::to_string(sizes.undistorted.width);
+  }
+  if (w.halfPixelY) {
+    axes += (axes.empty() ? "heights " : ", heights ") + std::to_string(sizes.distorted.height) +
+            " and " + std::to_string(sizes.undistorted.height);
+  }
+  return "note: the margin between the distorted and undistorted " + axes +
+         " is odd; the output window " + RectText(w.rect) + " sits half a pixel off the lens centre";
+}
+
+std::string SizeText(const PF_LRect& r) {
+  return std::to_string(static_cast<long long>(r.right) - r.left) + "x" +
+         std::to_string(static_cast<long long>(r.bottom) - r.top) + " at " +
+         std::to_string(r.left) + "," + std::to_string(r.top);
+}
+
+std::string ChannelText(const std::vector<std::string>& names, int alpha) {
+  std::string s;
+  for (size_t c = 0; c < names.size(); ++c) s += (c ? "," : "") + names[c];
+  return s + (alpha >= 0 ? " (alpha " + names[static_cast<size_t>(alpha)] + ")" : " (no alpha)");
+}
+
+std::string Number(double v) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%g", v);
+  return text;
+}
+
+// A share that is not zero never reads as "0.0%": below 0.1% it takes two significant digits.
+std::string Percent(double fraction) {
+  char text[32];
+  const double percent = 100.0 * fraction;
+  std::snprintf(text, sizeof text, percent > 0 && percent < 0.1 ? "%.2g%%" : "%.1f%%", percent);
+  return text;
+}
+
+// The sample type of an image's channels: "half", or for channels of different types each
+// type with its channels ("mixed: half R,G,B; float Z").
+std::string SampleTypesText(OIIO::TypeDesc format, const std::vector<OIIO::TypeDesc>& types,
+                            const std::vector<std::string>& names) {
+  if (types.empty() ||
+      std::all_of(types.begin(), types.end(), [&](OIIO::TypeDesc t) { return t == types[0]; })) {
+    return TypeName(types.empty() ? format : types[0]);
+  }
+  std::vector<std::pair<OIIO::TypeDesc, std::string>> groups;
+  for (size_t c = 0; c < types.size(); ++c) {
+    auto group = std::find_if(groups.begin(), groups.end(),
+                              [&](const auto& g) { return g.first == types[c]; });
+    if (group == groups.end()) group = groups.insert(groups.end(), {types[c], std::string()});
+    group->second += (group->second.empty() ? "" : ",") +
+                     (c < names.size() ? names[c] : std::to_string(c));
+  }
+  std::string text = "mixed:";
+  for (const auto& [type, channels] : groups) {
+    text += (text.size() > 6 ? "; " : " ") + TypeName(type) + " " + channels;
+  }
+  return text;
+}
+
+// True when some pixel of the world has a non-zero alpha.
+bool AnyAlpha(const hostsim::World* w) {
+  if (!w) return false;
+  for (int y = 0; y < w->height(); ++y) {
+    for (int x = 0; x < w->width(); ++x) {
+      if (w->Get(x, y, 0) != 0.0f) return true;
+    }
+  }
+  return false;
+}
+
+// The non-alpha channels of a float image that a kernel filter renders and that hold a
+// negative value, which that filter clips to 0.
+std::string ClippedChannels(const InputImage& input, const FramePlan& plan,
+                            const PixelBuffer& px) {
+  if (px.depth != Depth::kFloat) return std::string();
+  const size_t n = static_cast<size_t>(px.channels);
+  std::vector<bool> clips(n, false), negative(n, false);
+  for (const int c : input.colour) {
+    const size_t i = static_cast<size_t>(c);
+    clips[i] = IsKernelFilter(plan.channelFilters[i].filter);
+  }
+  if (std::find(clips.begin(), clips.end(), true) == clips.end()) return std::string();
+  const float* v = reinterpret_cast<const float*>(px.bytes.data());
+  const size_t count = px.bytes.size() / sizeof(float);
+  for (size_t i = 0; i < count; ++i) {
+    if (v[i] < 0.0f && clips[i % n]) negative[i % n] = true;
+  }
+  std::string names;
+  for (size_t c = 0; c < n; ++c) {
+    if (negative[c]) names += (names.empty() ? "" : ", ") + plan.layout.names[c];
+  }
+  return names;
+}
+
+constexpr long long kLargeOutputPixels = 100000000;
+
+// The frame's lens settings, sizes, windows and output file, from its header; warns about what
+// the output will lack.
+FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& notes,
+                    const InputImage& input, const FrameFiles& files) {
+  FramePlan plan;
+  const ImageLens recorded =
+      LensForImage(job.lens, ReadRecordedLens(input.spec, files.input), job.fit);
+  for (const std::string& n : recorded.notes) notes(n);
+  const FileLens lens = PlanFileLens(ParseLensOptions(recorded.lens), input, job.fit);
+  plan.settings = lens.settings;
+  plan.frame = lens.frame;
+  plan.sizes = lens.sizes;
+  if (job.desqueeze && plan.settings.mode != kModeRemove) {
+    throw UsageError(files.input + " is rendered in apply (the lens it records goes back on), "
+                     "which --desqueeze does not take; give --mode remove to remove again");
+  }
+  plan.layout = ChooseOutputLayout(input, job.addAlpha);
+  plan.outPlan = PlanOutput(files.output, input, plan.layout, job.output);
+  plan.channelFilters = ChooseChannelFilters(plan.layout.names, plan.layout.alphaIndex,
+                                             plan.settings.filter, job.channelFilters);
+  std::vector<int> filters;
+  for (const ChannelFilter& f : plan.channelFilters) filters.push_back(f.filter);
+  plan.passes = PlanPasses(input, plan.layout, filters);
+  for (size_t r = 0; r < job.channelFilters.size(); ++r) {
+    if (std::none_of(plan.channelFilters.begin(), plan.channelFilters.end(),
+                     [&](const ChannelFilter& f) { return f.rule == static_cast<int>(r); })) {
+      notes("warning: --channel-filter " + job.channelFilters[r].text +
+            " sets no channel (no channel name matches, or a later pattern takes them all)");
+    }
+  }
+  plan.dataRect = Offset(input.dataWindow, -plan.frame.originX, -plan.frame.originY);
+  plan.layerRect = LayerPixels(input, plan.frame);
+  const long long layerPixels = CheckedPixels(plan.layerRect, input.depth, "the input layer");
+  const long long dataPixels = RectArea(plan.dataRect);
+  plan.params = ToParamValues(plan.settings, plan.sizes);
+
+  const auto [back, outFrame] =
+      planner.Get(plan.params, plan.settings, plan.sizes, plan.frame.frame);
+  plan.window = outFrame.rect;
+  if (job.window) {
+    plan.window = *job.window;
+  } else if (outFrame.halfPixelX || outFrame.halfPixelY) {
+    notes(HalfPixelNote(outFrame, plan.sizes));
+  }
+  const long long windowPixels = CheckedPixels(plan.window, input.depth, "the output window");
+  plan.windows =
+      PlaceOutput(plan.settings.mode, plan.window, outFrame.rect, plan.sizes, plan.frame);
+  if (job.desqueeze && plan.settings.pixelAspect != 1.0) {
+    plan.stretch = plan.settings.pixelAspect;
+    plan.windows = OutputWindows{StretchX(plan.windows.data, plan.stretch),
+                                 StretchX(plan.windows.display, plan.stretch)};
+  }
+  if (!plan.outPlan.windows) plan.windows = AtOrigin(plan.windows);
+  const long long writtenPixels = RectArea(plan.windows.data);
+
+  // Input file buffer, one pass's input layer and the host's copy of it, output world and
+  // output file buffer, all at once at worst; a sequence holds one more input and output
+  // buffer (the next frame read, the last one written).
+  const uint64_t inputBuffer = FileBufferBytes(dataPixels, input.channels, input.depth);
+  // (Desqueezed: the rendered buffer and the resampled one, at once.)
+  const uint64_t outputBuffer =
+      FileBufferBytes(windowPixels + (plan.stretch != 1 ? writtenPixels : 0), plan.layout.channels,
+                      input.depth);
+  const uint64_t need = (job.pipelined ? 2 : 1) * (inputBuffer + outputBuffer) +
+                        2 * WorldBytes(layerPixels, input.depth) +
+                        WorldBytes(windowPixels, input.depth);
+  CheckMemory(need, "rendering " + files.input + " into a " +
+                  std::to_string(plan.window.right - plan.window.left) + " x " +
+                  std::to_string(plan.window.bottom - plan.window.top) + " window");
+  if (windowPixels > kLargeOutputPixels) {
+    notes("warning: the output is " + std::to_string(windowPixels / 1000000) + " megapixels (" +
+          SizeText(plan.window) + ")");
+  }
+  const PF_LRect distortedFrame =
+      plan.settings.mode == kModeApply
+          ? outFrame.rect
+          : PF_LRect{0, 0, plan.sizes.distorted.width, plan.sizes.distorted.height};
+  const double undoable = UndoableRadius(plan.settings, back.lens);
+  const double lost = UnreachableFraction(back.lens, plan.settings.mode, distortedFrame, undoable);
+  if (lost > 0.0) {
+    notes("warning: " + Percent(lost) + " of the distorted frame lies beyond the radius " +
+          "the lens can invert (" + std::to_string(undoable) +
+          (plan.settings.mode == kModeApply
+               ? "); there the output repeats the edge of what it inverts"
+               : "); that part of the plate is not in the output"));
+  }
+  return plan;
+}
+
+}  // namespace
+
+std::pair<PreRenderReadBack, DefaultWindow> OutputFramePlanner::Get(
+    const hostsim::ParamValues& params, const LensSettings& settings, const LensSizes& sizes,
+    ImageSize frame) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const auto same = [](ImageSize a, ImageSize b) {
+    return a.width == b.width && a.height == b.height;
+  };
+  for (const Known& k : known_) {
+    if (SameParamValues(k.params, params) && same(k.sizes.distorted, sizes.distorted) &&
+        same(k.sizes.undistorted, sizes.undistorted)) {
+      return k.result;
+    }
+  }
+  EffectSession plan(*job_.module, params, job_.threads);
+  plan.OverrideSuppliedRect(PF_LRect{0, 0, 0, 0});
+  const PreRenderReadBack back = plan.PreRender(PF_LRect{0, 0, frame.width, frame.height});
+  plan.Finish();
+  const DefaultWindow outFrame =
+      settings.mode == kModeApply
+          ? ApplyWindow(back.lens.pixOffsetX, back.lens.pixOffsetY, sizes.distorted)
+          : RemoveWindow(back.lens.maxResultRect, sizes, settings.pixelAspect);
+  if (!job_.window && IsEmptyRect(&outFrame.rect)) {
+    throw EffectError("the effect's output frame " + RectText(back.lens.maxResultRect) +
+                      " is empty; nothing to render");
+  }
+  known_.push_back(Known{params, sizes, std::make_pair(back, outFrame)});
+  return known_.back().result;
+}
+
+std::vector<uint8_t> BufferPool::Take(size_t bytes) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto best = kept_.end();
+  for (auto it = kept_.begin(); it != kept_.end(); ++it) {
+    if (it->capacity() >= bytes && (best == kept_.end() || it->capacity() < best->capacity())) {
+      best = it;
+    }
+  }
+  if (best == kept_.end()) return {};
+  std::vector<uint8_t> buffer = std::move(*best);
+  kept_.erase(best);
+  return buffer;
+}
+
+void BufferPool::Give(std::vector<uint8_t> buffer) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (kept_.size() < kMostKept && buffer.capacity() > 0) kept_.push_back(std::move(buffer));
+}
+
+ReadFrame ReadFrameFiles(const RenderJob& job, OutputFramePlanner& planner, Notes& notes,
+                         BufferPool& pool, const FrameFiles& files) {
+  ReadFrame frame;
+  frame.files = files;
+  frame.started = Clock::now();
+  frame.input = OpenInputImage(files.input, job.alpha);
+  frame.plan = PlanFrame(job, planner, notes, frame.input, files);
+  frame.temp = std::make_unique<TempOutputFile>(files.output);
+  const long long dataPixels = RectArea(frame.plan.dataRect);
+  frame.pixels = ReadPixels(
+      frame.input, pool.Take(FileBufferBytes(dataPixels, frame.input.channels, frame.input.depth)));
+  if (const std::string clipped = ClippedChannels(frame.input, frame.plan, frame.pixels);
+      !clipped.empty()) {
+    notes("warning: negative values in " + clipped + ", which the kernel filters (" +
+          KernelFilterWords() + ") clip to 0; --channel-filter NAME=" +
+          ChoiceWord(kParamFilter, kFilterBiLinear) + " keeps them");
+  }
+  return frame;
+}
+
+RenderedFrame FrameRenderer::Render(ReadFrame frame, Notes& notes, BufferPool& pool,
+                                    const std::function<void(int64_t, int64_t)>& rowProgress) {
+  const FramePlan& plan = frame.plan;
+  if (!session_ || !SameParamValues(params_, plan.params)) {
+    if (session_) session_->Finish();
+    session_.reset();
+    session_ = std::make_unique<EffectSession>(*job_.module, plan.params, job_.threads);
+    params_ = plan.params;
+  }
+  session_->SetRowProgress(rowProgress);
+  RenderedFrame out;
+  out.result = NewOutputBuffer(
+      frame.input, plan.layout, plan.window,
+      pool.Take(FileBufferBytes(RectArea(plan.window), plan.layout.channels, frame.input.depth)));
+  out.passes = static_cast<int>(plan.passes.size());
+  for (int pass = 0; pass < out.passes; ++pass) {
+    const Pass& p = plan.passes[static_cast<size_t>(pass)];
+    layer_ = PassLayer(frame.pixels, p, plan.dataRect.left, plan.dataRect.top, plan.layerRect,
+                       std::move(layer_));
+    hostsim::ParamValues params = plan.params;
+    params.filter = p.filter;
+    session_->SetParams(params);
+    session_->SetInputLayer(layer_.get());
+    session_->PreRender(plan.window);
+    output_ = session_->Render(std::move(output_));
+    if (pass == 0 && !AnyAlpha(output_.get())) {
+      notes("warning: the result is fully transparent: no pixel of the input reaches the output" +
+            std::string(plan.settings.zoom == 0.0 ? " (--zoom 0)" : ""));
+    }
+    StorePass(frame.input, plan.layout, p, output_.get(), plan.window, &out.result);
+  }
+  session_->SetInputLayer(nullptr);
+  session_->SetRowProgress(nullptr);
+  if (plan.stretch != 1) {
+    const PF_LRect& d = plan.windows.data;
+    out.result = StretchWidth(out.result, d.right - d.left);
+  }
+  pool.Give(std::move(frame.pixels.bytes));
+  out.files = std::move(frame.files);
+  out.started = frame.started;
+  out.input = std::move(frame.input);
+  out.plan = std::move(frame.plan);
+  out.temp = std::move(frame.temp);
+  return out;
+}
+
+void FrameRenderer::Finish() {
+  if (session_) session_->Finish();
+  session_.reset();
+}
+
+void WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, BufferPool& pool,
+                std::ostream& out) {
+  const FramePlan& plan = frame.plan;
+  const LensSettings& settings = plan.settings;
+  OIIO::ParamValueList header;
+  header.attribute("Software", "veltrisca " + VersionText());
+  if (std::any_of(plan.channelFilters.begin(), plan.channelFilters.end(),
+                  [&](const ChannelFilter& f) { return f.filter != settings.filter; })) {
+    header.attribute("veltrisca:channelFilters",
+                     ChannelFiltersText(plan.layout.names, plan.channelFilters,
+                                        job.channelFilters, false));
+  }
+  if (plan.stretch == 1) {
+    RecordLens(settings, plan.sizes, &header);
+  } else {
+    // A desqueezed result records the lens in its own square pixels: the same lens, so that
+    // an apply of it gives the plate desqueezed.
+    LensSettings square = settings;
+    square.pixelAspect = 1;
+    const auto stretched = [&](ImageSize s) {
+      const PF_LRect r = StretchX(PF_LRect{0, 0, s.width, s.height}, plan.stretch);
+      return ImageSize{r.right, s.height};
+    };
+    RecordLens(square, LensSizes{stretched(plan.sizes.distorted), stretched(plan.sizes.undistorted)},
+               &header);
+    header.attribute("PixelAspectRatio", 1.0f);
+    header.attribute("veltrisca:desqueezed", 1);
+  }
+  std::vector<std::string> written = plan.outPlan.notes;
+  WriteOutput(frame.temp->path(), frame.files.output, frame.input, plan.layout, plan.outPlan,
+              plan.windows, frame.result, header, job.verbose ? &written : nullptr);
+  frame.temp->Commit();
+  pool.Give(std::move(frame.result.bytes));
+  for (const std::string& n : plan.outPlan.notes) notes("note: " + n);
+  if (!job.verbose || job.quiet) return;
+  const double seconds = std::chrono::duration<double>(Clock::now() - frame.started).count();
+  char time[32];
+  std::snprintf(time, sizeof time, "%.2f s", seconds);
+  const InputImage& input = frame.input;
+  std::vector<std::string> inNames;
+  for (int c = 0; c < input.channels; ++c) inNames.emplace_back(input.spec.channel_name(c));
+  out << "read  " << frame.files.input << ": data " << SizeText(input.dataWindow) << ", display "
+      << SizeText(input.displayWindow) << ", " << ChannelText(inNames, input.alphaIndex) << ", "
+      << SampleTypesText(input.spec.format, input.spec.channelformats, inNames) << " "
+      << input.format << "\n";
+  out << "wrote " << frame.files.output << ": data " << SizeText(plan.windows.data)
+      << ", display " << SizeText(plan.windows.display) << ", "
+      << ChannelText(plan.layout.names, plan.layout.alphaIndex) << ", "
+      << SampleTypesText(plan.outPlan.type, plan.outPlan.channelTypes, plan.layout.names) << " "
+      << plan.outPlan.format << "; "
+      << ModeName(settings.mode) << ", " << FilterName(settings.filter) << ", sizes "
+      << plan.sizes.distorted.width << "x" << plan.sizes.distorted.height << " distorted, "
+      << plan.sizes.undistorted.width << "x" << plan.sizes.undistorted.height << " undistorted, "
+      << (settings.pixelAspect == 1.0 ? ""
+                                      : "pixel aspect " + Number(settings.pixelAspect) +
+                                            (plan.stretch != 1 ? " (desqueezed), " : ", "))
+      << frame.passes << (frame.passes == 1 ? " pass, " : " passes, ") << time << "\n";
+  out << "  filters: "
+      << ChannelFiltersText(plan.layout.names, plan.channelFilters, job.channelFilters, true)
+      << "\n";
+  for (size_t i = plan.outPlan.notes.size(); i < written.size(); ++i) {
+    out << "  " << written[i] << "\n";
+  }
+}
+
+bool IsFinishedOutput(const RenderJob& job, const FrameFiles& files, Notes& notes) {
+  struct stat st {};
+  if (lstat(files.output.c_str(), &st) != 0) return false;
+  std::optional<RecordedLens> recorded;
+  try {
+    recorded = ReadRecordedLens(CheckWholeImage(files.output), files.output);
+  } catch (const CliError& e) {
+    notes("note: " + MessageLine(e.what()) + "; rendering it again");
+    return false;
+  }
+  if (!recorded) return true;
+  // The frame's lens: the job's over what its input records (its header only). An input that
+  // cannot say is rendered, which reports why.
+  LensOptionText lens;
+  try {
+    auto in = OIIO::ImageInput::open(files.input);
+    if (!in) {
+      OIIO::geterror();
+      return false;
+    }
+    lens = LensForImage(job.lens, ReadRecordedLens(in->spec(), files.input), job.fit).lens;
+  } catch (const CliError&) {
+    return false;
+  }
+  std::string difference;
+  if (RecordMatches(*recorded, lens, &difference)) return true;
+  notes("note: " + MessageLine(files.output) + " records another lens (" + difference +
+        "); rendering it again");
+  return false;
+}
+
+}  // namespace veltrisca
