@@ -129,6 +129,9 @@ namespace {
 using OIIO::ImageBuf;
 namespace IBA = OIIO::ImageBufAlgo;
 
+// The pictures are drawn on the calling thread: a few lines and dots gain nothing from a pool.
+constexpr int kDrawThreads = 1;
+
 // A line `width` pixels wide (copies of a one-pixel line side by side).
 void Line(ImageBuf& img, Point a, Point b, const float* colour, int width = 1) {
   const bool steep = std::fabs(b.y - a.y) > std::fabs(b.x - a.x);
@@ -138,24 +141,31 @@ void Line(ImageBuf& img, Point a, Point b, const float* colour, int width = 1) {
     IBA::render_line(img, static_cast<int>(std::lround(a.x)) + dx,
                      static_cast<int>(std::lround(a.y)) + dy,
                      static_cast<int>(std::lround(b.x)) + dx,
-                     static_cast<int>(std::lround(b.y)) + dy, {colour, 3});
+                     static_cast<int>(std::lround(b.y)) + dy, {colour, 3},
+                     /*skip_first_point=*/false, {}, kDrawThreads);
   }
 }
 
 void Dot(ImageBuf& img, Point p, int radius, const float* colour) {
   const int x = static_cast<int>(std::lround(p.x)), y = static_cast<int>(std::lround(p.y));
-  IBA::render_box(img, x - radius, y - radius, x + radius, y + radius, {colour, 3}, true);
+  IBA::render_box(img, x - radius, y - radius, x + radius, y + radius, {colour, 3}, true, {},
+                  kDrawThreads);
 }
 
 // Text in DejaVu Sans (Debian's fonts-dejavu-core), else in OpenImageIO's default font; a
 // picture without its labels when neither is found.
 void Label(ImageBuf& img, int x, int y, const std::string& text, int size, const float* colour) {
-  if (IBA::render_text(img, x, y, text, size, "DejaVuSans", {colour, 3})) return;
+  const auto draw = [&](const char* font) {
+    return IBA::render_text(img, x, y, text, size, font, {colour, 3}, IBA::TextAlignX::Left,
+                            IBA::TextAlignY::Baseline, 0, {}, kDrawThreads);
+  };
+  if (draw("DejaVuSans")) return;
   img.geterror();
-  if (!IBA::render_text(img, x, y, text, size, "", {colour, 3})) img.geterror();
+  if (!draw("")) img.geterror();
 }
 
 void Save(const ImageBuf& img, const std::string& path) {
+  img.threads(kDrawThreads);  // the conversion to 8 bits on write, too
   TempOutputFile temp(path);
   if (!img.write(temp.path(), OIIO::TypeDesc::UINT8, "png")) {
     throw IoError(path + ": " + img.geterror());
@@ -241,7 +251,7 @@ ImageBuf RadialPicture(const Solution& s) {
   const int w = 640, hgt = 480, margin = 56;
   ImageBuf img(OIIO::ImageSpec(w, hgt, 3, OIIO::TypeDesc::FLOAT));
   const float white[3] = {1, 1, 1};
-  IBA::fill(img, {white, 3});
+  IBA::fill(img, {white, 3}, {}, kDrawThreads);
   const double corner = s.frame.CornerRadius(), limit = RisingLimit(s.lens);
   const double uMax = std::min(corner * 1.25, std::max(corner * 1.05, limit * 1.05));
   double rMax = uMax;
