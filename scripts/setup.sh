@@ -17,7 +17,7 @@
 #   liblensfun-dev                  lens --from lensfun reads the lensfun database through
 #   liblensfun-data-v1              liblensfun; the tests compare with its own correction
 #   python3-opencv                  test only: OpenCV's initUndistortRectifyMap as the oracle
-#                                   of lens --from opencv (tests/cli/LensImportTest.cpp)
+#                                   of lens --from opencv (tests/cli/lens/LensImportTest.cpp)
 #   libopencv-dev                   solve: the chessboard detectors (findChessboardCornersSB,
 #                                   findChessboardCorners, cornerSubPix) and the
 #                                   Levenberg-Marquardt solver of the plumb-line fit

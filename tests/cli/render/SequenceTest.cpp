@@ -1,7 +1,7 @@
 // Image sequences: frame patterns and lists, which frames a render takes, what it reports
 // while it runs, and `render` over a shot as a farm runs it.
 
-#include "CliTestSupport.h"
+#include "../CliTestSupport.h"
 #include "cli/shared/Errors.h"
 #include "cli/render/FramePattern.h"
 #include "cli/render/Progress.h"

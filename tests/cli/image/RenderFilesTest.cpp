@@ -2,7 +2,7 @@
 // display window, any number of named channels, output sample types and the header, and the
 // round trip through an undistorted frame. Every output is read back with OpenImageIO.
 
-#include "CliTestSupport.h"
+#include "../CliTestSupport.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // veltrisca stmap: maps that another program (oiiotool --st_warp) turns into our renders, the
 // channel layout of --both, the overscan windows, and refusals.
 
-#include "CliTestSupport.h"
+#include "../CliTestSupport.h"
 
 namespace {
 

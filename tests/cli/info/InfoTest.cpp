@@ -2,7 +2,7 @@
 // in the text and JSON forms, and info IMAGE reads the frame as render does. The figures
 // themselves belong to the effect's own tests.
 
-#include "CliTestSupport.h"
+#include "../CliTestSupport.h"
 #include "cli/lens/Fit.h"
 
 namespace {

@@ -2,7 +2,7 @@
 // image whose lens was removed puts it back onto the plate's frame, options that differ from
 // the record warn, --lens takes such an image, info prints it, and --skip-existing keeps only
 // whole outputs that record the job's lens.
-#include "CliTestSupport.h"
+#include "../CliTestSupport.h"
 
 namespace vt_cli_test {
 namespace {

@@ -1,6 +1,6 @@
 // The parameter table as the tool reads it: every parameter reaches the options, the help,
 // lens files and the comparison that lets frames share one effect set-up.
-#include "CliTestSupport.h"
+#include "../CliTestSupport.h"
 #include "cli/lens/LensFile.h"
 #include "cli/lens/LensOptions.h"
 #include "common/EffectParams.h"

@@ -4,7 +4,7 @@
 
 #include <set>
 
-#include "CliTestSupport.h"
+#include "../CliTestSupport.h"
 #include "cli/render/ChannelFilters.h"
 #include "cli/shared/Errors.h"
 

@@ -1,6 +1,6 @@
 // 16-bit sample conversion and the JSON number and string forms.
 
-#include "CliTestSupport.h"
+#include "../CliTestSupport.h"
 #include "cli/image/ImageIO.h"
 #include "cli/shared/Json.h"
 

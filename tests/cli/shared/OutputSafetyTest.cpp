@@ -7,7 +7,7 @@
 #include <csignal>
 #include <system_error>
 
-#include "CliTestSupport.h"
+#include "../CliTestSupport.h"
 #include "cli/shared/AtomicFile.h"
 #include "hostsim/ThreadPool.h"
 

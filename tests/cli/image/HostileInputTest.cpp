@@ -8,7 +8,7 @@
 #include <csignal>
 #include <set>
 
-#include "CliTestSupport.h"
+#include "../CliTestSupport.h"
 
 namespace {
 

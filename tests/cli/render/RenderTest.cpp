@@ -1,7 +1,7 @@
 // `veltrisca render` and `veltrisca chart` end to end: sample formats and channel layouts
 // survive an identity render, --window places the output, and the chart is the chart.
 
-#include "CliTestSupport.h"
+#include "../CliTestSupport.h"
 
 namespace {
 

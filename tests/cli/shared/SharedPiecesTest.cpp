@@ -1,6 +1,6 @@
 // The tool's shared pieces: the one number reading, the one failure mapping, the memory
 // budget, and the refusal of a plug-in of another build.
-#include "CliTestSupport.h"
+#include "../CliTestSupport.h"
 #include "cli/shared/Errors.h"
 #include "cli/shared/Memory.h"
 #include "cli/shared/Numbers.h"

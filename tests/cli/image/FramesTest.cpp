@@ -1,7 +1,7 @@
 // A file's frame, pixel aspect and windows: anamorphic plates, the windows of formats that
 // have none, stmap --like against render, and the black around a data window.
 
-#include "CliTestSupport.h"
+#include "../CliTestSupport.h"
 
 namespace {
 

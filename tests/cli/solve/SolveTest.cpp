@@ -7,7 +7,7 @@
 
 #include <regex>
 
-#include "CliTestSupport.h"
+#include "../CliTestSupport.h"
 #include "cli/solve/PlumbLine.h"
 
 namespace {

@@ -3,7 +3,7 @@
 // own geometry correction. Also lens files: round trip, command-line override, bad files.
 #include <lensfun.h>
 
-#include "CliTestSupport.h"
+#include "../CliTestSupport.h"
 
 namespace {
 
