@@ -3,7 +3,14 @@
 #include <cpuid.h>
 
 #if __has_include(<sys/platform/x86.h>)
+#if defined(__clang__) && defined(__cplusplus)
+// glibc 2.36's header names C's _Bool, which clang does not take in C++.
+#define _Bool bool
 #include <sys/platform/x86.h>
+#undef _Bool
+#else
+#include <sys/platform/x86.h>
+#endif
 #define VT_AVX2_USABLE() (CPU_FEATURE_ACTIVE(AVX2) && CPU_FEATURE_ACTIVE(AVX))
 #else
 #define VT_AVX2_USABLE() __builtin_cpu_supports("avx2")
