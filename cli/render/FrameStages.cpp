@@ -135,6 +135,10 @@ std::string ClippedChannels(const InputImage& input, const FramePlan& plan,
   return names;
 }
 
+double SecondsSince(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
 constexpr long long kLargeOutputPixels = 100000000;
 
 // The frame's lens settings, sizes, windows and output file, from its header; warns about what
@@ -228,6 +232,23 @@ FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& no
 
 }  // namespace
 
+StageTimes& StageTimes::operator+=(const StageTimes& o) {
+  read += o.read;
+  toLayer += o.toLayer;
+  render += o.render;
+  fromLayer += o.fromLayer;
+  write += o.write;
+  return *this;
+}
+
+std::string StageTimesText(const StageTimes& t) {
+  char text[160];
+  std::snprintf(text, sizeof text,
+                "read %.3f s, to layer %.3f s, render %.3f s, from layer %.3f s, write %.3f s",
+                t.read, t.toLayer, t.render, t.fromLayer, t.write);
+  return text;
+}
+
 std::pair<PreRenderReadBack, DefaultWindow> OutputFramePlanner::Get(
     const hostsim::ParamValues& params, const LensSettings& settings, const LensSizes& sizes,
     ImageSize frame) {
@@ -293,6 +314,7 @@ ReadFrame ReadFrameFiles(const RenderJob& job, OutputFramePlanner& planner, Note
           KernelFilterWords() + ") clip to 0; --channel-filter NAME=" +
           ChoiceWord(kParamFilter, kFilterBiLinear) + " keeps them");
   }
+  frame.times.read = SecondsSince(frame.started);
   return frame;
 }
 
@@ -307,6 +329,8 @@ RenderedFrame FrameRenderer::Render(ReadFrame frame, Notes& notes, BufferPool& p
   }
   session_->SetRowProgress(rowProgress);
   RenderedFrame out;
+  out.times = frame.times;
+  Clock::time_point mark = Clock::now();
   out.result = NewOutputBuffer(
       frame.input, plan.layout, plan.window,
       pool.Take(FileBufferBytes(RectArea(plan.window), plan.layout.channels, frame.input.depth)));
@@ -315,23 +339,30 @@ RenderedFrame FrameRenderer::Render(ReadFrame frame, Notes& notes, BufferPool& p
     const Pass& p = plan.passes[static_cast<size_t>(pass)];
     layer_ = PassLayer(frame.pixels, p, plan.dataRect.left, plan.dataRect.top, plan.layerRect,
                        std::move(layer_));
+    out.times.toLayer += SecondsSince(mark);
+    mark = Clock::now();
     hostsim::ParamValues params = plan.params;
     params.filter = p.filter;
     session_->SetParams(params);
     session_->SetInputLayer(layer_.get());
     session_->PreRender(plan.window);
     output_ = session_->Render(std::move(output_));
+    out.times.render += SecondsSince(mark);
     if (pass == 0 && !AnyAlpha(output_.get())) {
       notes("warning: the result is fully transparent: no pixel of the input reaches the output" +
             std::string(plan.settings.zoom == 0.0 ? " (--zoom 0)" : ""));
     }
+    mark = Clock::now();
     StorePass(frame.input, plan.layout, p, output_.get(), plan.window, &out.result);
+    out.times.fromLayer += SecondsSince(mark);
+    mark = Clock::now();
   }
   session_->SetInputLayer(nullptr);
   session_->SetRowProgress(nullptr);
   if (plan.stretch != 1) {
     const PF_LRect& d = plan.windows.data;
     out.result = StretchWidth(out.result, d.right - d.left);
+    out.times.fromLayer += SecondsSince(mark);
   }
   pool.Give(std::move(frame.pixels.bytes));
   out.files = std::move(frame.files);
@@ -347,8 +378,9 @@ void FrameRenderer::Finish() {
   session_.reset();
 }
 
-void WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, BufferPool& pool,
-                std::ostream& out) {
+StageTimes WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, BufferPool& pool,
+                      std::ostream& out) {
+  const Clock::time_point writeStart = Clock::now();
   const FramePlan& plan = frame.plan;
   const LensSettings& settings = plan.settings;
   OIIO::ParamValueList header;
@@ -380,8 +412,9 @@ void WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, BufferP
               plan.windows, frame.result, header, job.verbose ? &written : nullptr);
   frame.temp->Commit();
   pool.Give(std::move(frame.result.bytes));
+  frame.times.write = SecondsSince(writeStart);
   for (const std::string& n : plan.outPlan.notes) notes("note: " + n);
-  if (!job.verbose || job.quiet) return;
+  if (!job.verbose || job.quiet) return frame.times;
   const double seconds = std::chrono::duration<double>(Clock::now() - frame.started).count();
   char time[32];
   std::snprintf(time, sizeof time, "%.2f s", seconds);
@@ -410,6 +443,8 @@ void WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, BufferP
   for (size_t i = plan.outPlan.notes.size(); i < written.size(); ++i) {
     out << "  " << written[i] << "\n";
   }
+  out << "  times: " << StageTimesText(frame.times) << "\n";
+  return frame.times;
 }
 
 bool IsFinishedOutput(const RenderJob& job, const FrameFiles& files, Notes& notes) {

@@ -114,9 +114,19 @@ class BufferPool {
   std::vector<std::vector<uint8_t>> kept_;
 };
 
+// Where a frame's time went, in seconds of each stage's own thread: reading (header, plan and
+// pixels), the file's channels into the host's layer, the effect's render, the result back
+// into the file's channels, and writing. -v prints them per frame and summed over a shot.
+struct StageTimes {
+  double read = 0, toLayer = 0, render = 0, fromLayer = 0, write = 0;
+  StageTimes& operator+=(const StageTimes& o);
+};
+std::string StageTimesText(const StageTimes& t);
+
 struct ReadFrame {
   FrameFiles files;
   Clock::time_point started;
+  StageTimes times;
   InputImage input;  // the header (its reader closed once the pixels are read)
   FramePlan plan;
   std::unique_ptr<TempOutputFile> temp;  // made before the pixels are read
@@ -131,6 +141,7 @@ ReadFrame ReadFrameFiles(const RenderJob& job, OutputFramePlanner& planner, Note
 struct RenderedFrame {
   FrameFiles files;
   Clock::time_point started;
+  StageTimes times;
   InputImage input;
   FramePlan plan;
   std::unique_ptr<TempOutputFile> temp;
@@ -158,8 +169,8 @@ class FrameRenderer {
 };
 
 // Writes the frame to its temporary file and renames it over the output; the -v report goes
-// to `out`. The output buffer goes back to `pool`.
-void WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, BufferPool& pool,
+// to `out`. The output buffer goes back to `pool`. Returns the frame's stage times.
+StageTimes WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, BufferPool& pool,
                 std::ostream& out);
 
 // render --skip-existing: true when the frame's output is a whole image (CheckWholeImage) and,
