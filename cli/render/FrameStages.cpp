@@ -6,6 +6,8 @@
 #include <climits>
 #include <cstdio>
 
+#include <OpenImageIO/half.h>
+
 #include "cli/shared/Errors.h"
 #include "common/Version.h"
 #include "cli/lens/Fit.h"
@@ -123,10 +125,16 @@ std::string ClippedChannels(const InputImage& input, const FramePlan& plan,
     clips[i] = IsKernelFilter(plan.channelFilters[i].filter);
   }
   if (std::find(clips.begin(), clips.end(), true) == clips.end()) return std::string();
-  const float* v = reinterpret_cast<const float*>(px.bytes.data());
-  const size_t count = px.bytes.size() / sizeof(float);
-  for (size_t i = 0; i < count; ++i) {
-    if (v[i] < 0.0f && clips[i % n]) negative[i % n] = true;
+  const auto find = [&](const auto* v) {
+    const size_t count = px.bytes.size() / sizeof *v;
+    for (size_t i = 0; i < count; ++i) {
+      if (static_cast<float>(v[i]) < 0.0f && clips[i % n]) negative[i % n] = true;
+    }
+  };
+  if (px.half) {
+    find(reinterpret_cast<const half*>(px.bytes.data()));
+  } else {
+    find(reinterpret_cast<const float*>(px.bytes.data()));
   }
   std::string names;
   for (size_t c = 0; c < n; ++c) {
@@ -307,7 +315,8 @@ ReadFrame ReadFrameFiles(const RenderJob& job, OutputFramePlanner& planner, Note
   frame.temp = std::make_unique<TempOutputFile>(files.output);
   const long long dataPixels = RectArea(frame.plan.dataRect);
   frame.pixels = ReadPixels(
-      frame.input, pool.Take(FileBufferBytes(dataPixels, frame.input.channels, frame.input.depth)));
+      frame.input, pool.Take(FileBufferBytes(dataPixels, frame.input.channels, frame.input.depth)),
+      true);
   if (const std::string clipped = ClippedChannels(frame.input, frame.plan, frame.pixels);
       !clipped.empty()) {
     notes("warning: negative values in " + clipped + ", which the kernel filters (" +
@@ -331,9 +340,16 @@ RenderedFrame FrameRenderer::Render(ReadFrame frame, Notes& notes, BufferPool& p
   RenderedFrame out;
   out.times = frame.times;
   Clock::time_point mark = Clock::now();
+  // Written as half: kept as half from the render on, so that the writer converts nothing.
+  const OutputPlan& o = plan.outPlan;
+  const bool halfOut =
+      plan.stretch == 1 && o.format == "openexr" && o.type == OIIO::TypeDesc::HALF &&
+      std::all_of(o.channelTypes.begin(), o.channelTypes.end(),
+                  [](OIIO::TypeDesc t) { return t == OIIO::TypeDesc::HALF; });
   out.result = NewOutputBuffer(
       frame.input, plan.layout, plan.window,
-      pool.Take(FileBufferBytes(RectArea(plan.window), plan.layout.channels, frame.input.depth)));
+      pool.Take(FileBufferBytes(RectArea(plan.window), plan.layout.channels, frame.input.depth)),
+      halfOut);
   out.passes = static_cast<int>(plan.passes.size());
   for (int pass = 0; pass < out.passes; ++pass) {
     const Pass& p = plan.passes[static_cast<size_t>(pass)];
