@@ -185,8 +185,9 @@ FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& no
   const long long dataPixels = RectArea(plan.dataRect);
   plan.params = ToParamValues(plan.settings, plan.sizes);
 
-  const auto [back, outFrame] =
+  const PlannedOutput planned =
       planner.Get(plan.params, plan.settings, plan.sizes, plan.frame.frame);
+  const DefaultWindow& outFrame = planned.frame;
   plan.window = outFrame.rect;
   if (job.window) {
     plan.window = *job.window;
@@ -222,15 +223,10 @@ FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& no
     notes("warning: the output is " + std::to_string(windowPixels / 1000000) + " megapixels (" +
           SizeText(plan.window) + ")");
   }
-  const PF_LRect distortedFrame =
-      plan.settings.mode == kModeApply
-          ? outFrame.rect
-          : PF_LRect{0, 0, plan.sizes.distorted.width, plan.sizes.distorted.height};
-  const double undoable = UndoableRadius(plan.settings, back.lens);
-  const double lost = UnreachableFraction(back.lens, plan.settings.mode, distortedFrame, undoable);
-  if (lost > 0.0) {
-    notes("warning: " + Percent(lost) + " of the distorted frame lies beyond the radius " +
-          "the lens can invert (" + std::to_string(undoable) +
+  if (planned.lost > 0.0) {
+    const double undoable = UndoableRadius(plan.settings, planned.back.lens);
+    notes("warning: " + Percent(planned.lost) + " of the distorted frame lies beyond the " +
+          "radius the lens can invert (" + std::to_string(undoable) +
           (plan.settings.mode == kModeApply
                ? "); there the output repeats the edge of what it inverts"
                : "); that part of the plate is not in the output"));
@@ -257,9 +253,9 @@ std::string StageTimesText(const StageTimes& t) {
   return text;
 }
 
-std::pair<PreRenderReadBack, DefaultWindow> OutputFramePlanner::Get(
-    const hostsim::ParamValues& params, const LensSettings& settings, const LensSizes& sizes,
-    ImageSize frame) {
+PlannedOutput OutputFramePlanner::Get(const hostsim::ParamValues& params,
+                                      const LensSettings& settings, const LensSizes& sizes,
+                                      ImageSize frame) {
   std::lock_guard<std::mutex> lock(mutex_);
   const auto same = [](ImageSize a, ImageSize b) {
     return a.width == b.width && a.height == b.height;
@@ -282,7 +278,12 @@ std::pair<PreRenderReadBack, DefaultWindow> OutputFramePlanner::Get(
     throw EffectError("the effect's output frame " + RectText(back.lens.maxResultRect) +
                       " is empty; nothing to render");
   }
-  known_.push_back(Known{params, sizes, std::make_pair(back, outFrame)});
+  const PF_LRect distortedFrame =
+      settings.mode == kModeApply ? outFrame.rect
+                                  : PF_LRect{0, 0, sizes.distorted.width, sizes.distorted.height};
+  const double lost = UnreachableFraction(back.lens, settings.mode, distortedFrame,
+                                          UndoableRadius(settings, back.lens));
+  known_.push_back(Known{params, sizes, PlannedOutput{back, outFrame, lost}});
   return known_.back().result;
 }
 

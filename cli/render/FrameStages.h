@@ -77,14 +77,22 @@ struct FramePlan {
   double stretch = 1;  // --desqueeze: the result's width is resampled by this factor
 };
 
+// What a frame's parameters and sizes decide before any pixel: the effect's lens record and
+// output frame, and the share of the distorted frame beyond the radius the lens can invert.
+struct PlannedOutput {
+  PreRenderReadBack back;
+  DefaultWindow frame;
+  double lost = 0;
+};
+
 // The effect's output frame and lens centre for a set of parameters, from a pre-render on a
-// host that supplies no input (no pixels needed); computed once per set of parameters.
+// host that supplies no input (no pixels needed); computed once per set of parameters and
+// sizes, so that the frames of a shot share it.
 class OutputFramePlanner {
  public:
   explicit OutputFramePlanner(const RenderJob& job) : job_(job) {}
-  std::pair<PreRenderReadBack, DefaultWindow> Get(const hostsim::ParamValues& params,
-                                                  const LensSettings& settings,
-                                                  const LensSizes& sizes, ImageSize frame);
+  PlannedOutput Get(const hostsim::ParamValues& params, const LensSettings& settings,
+                    const LensSizes& sizes, ImageSize frame);
 
  private:
   const RenderJob& job_;
@@ -94,7 +102,7 @@ class OutputFramePlanner {
   struct Known {
     hostsim::ParamValues params;
     LensSizes sizes;
-    std::pair<PreRenderReadBack, DefaultWindow> result;
+    PlannedOutput result;
   };
   std::vector<Known> known_;
 };
