@@ -523,8 +523,17 @@ PixelBuffer ReadPixels(InputImage& image, std::vector<uint8_t> storage, bool kee
   // only that way: an error recorded while reading is a failed read. (Whatever opening left
   // behind is dropped first.)
   image.reader->geterror();
-  const bool read = image.reader->read_image(0, 0, 0, px.channels, SampleTypeOf(px),
-                                             px.bytes.data());
+  // A scanline OpenEXR file's samples, where the buffer holds them as stored, straight into the
+  // buffer (read_image would decode them into a fresh buffer of its own and copy them over).
+  const OIIO::ImageSpec& s = image.spec;
+  const bool native =
+      image.format == "openexr" && s.tile_width == 0 && SampleTypeOf(px) == s.format &&
+      std::all_of(s.channelformats.begin(), s.channelformats.end(),
+                  [&](OIIO::TypeDesc t) { return t == s.format; });
+  const bool read =
+      native ? image.reader->read_native_scanlines(0, 0, s.y, s.y + s.height, s.z, 0, px.channels,
+                                                   px.bytes.data())
+             : image.reader->read_image(0, 0, 0, px.channels, SampleTypeOf(px), px.bytes.data());
   const std::string readError = image.reader->geterror();
   if (!read || !readError.empty()) throw IoError(FileErrorText(image.path, readError));
   image.reader->close();

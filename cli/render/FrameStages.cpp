@@ -213,7 +213,8 @@ FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& no
   const uint64_t outputBuffer =
       FileBufferBytes(windowPixels + (plan.stretch != 1 ? writtenPixels : 0), plan.layout.channels,
                       input.depth);
-  const uint64_t need = (job.pipelined ? 2 : 1) * (inputBuffer + outputBuffer) +
+  plan.bufferBytes = std::max(inputBuffer, outputBuffer);
+  const uint64_t need = (job.pipelined ? 2 : 1) * 2 * plan.bufferBytes +
                         2 * WorldBytes(layerPixels, input.depth) +
                         WorldBytes(windowPixels, input.depth);
   CheckMemory(need, "rendering " + files.input + " into a " +
@@ -295,7 +296,11 @@ std::vector<uint8_t> BufferPool::Take(size_t bytes) {
       best = it;
     }
   }
-  if (best == kept_.end()) return {};
+  if (best == kept_.end()) {
+    std::vector<uint8_t> fresh;
+    fresh.reserve(bytes);
+    return fresh;
+  }
   std::vector<uint8_t> buffer = std::move(*best);
   kept_.erase(best);
   return buffer;
@@ -314,10 +319,7 @@ ReadFrame ReadFrameFiles(const RenderJob& job, OutputFramePlanner& planner, Note
   frame.input = OpenInputImage(files.input, job.alpha);
   frame.plan = PlanFrame(job, planner, notes, frame.input, files);
   frame.temp = std::make_unique<TempOutputFile>(files.output);
-  const long long dataPixels = RectArea(frame.plan.dataRect);
-  frame.pixels = ReadPixels(
-      frame.input, pool.Take(FileBufferBytes(dataPixels, frame.input.channels, frame.input.depth)),
-      true);
+  frame.pixels = ReadPixels(frame.input, pool.Take(frame.plan.bufferBytes), true);
   if (const std::string clipped = ClippedChannels(frame.input, frame.plan, frame.pixels);
       !clipped.empty()) {
     notes("warning: negative values in " + clipped + ", which the kernel filters (" +
@@ -347,10 +349,8 @@ RenderedFrame FrameRenderer::Render(ReadFrame frame, Notes& notes, BufferPool& p
       plan.stretch == 1 && o.format == "openexr" && o.type == OIIO::TypeDesc::HALF &&
       std::all_of(o.channelTypes.begin(), o.channelTypes.end(),
                   [](OIIO::TypeDesc t) { return t == OIIO::TypeDesc::HALF; });
-  out.result = NewOutputBuffer(
-      frame.input, plan.layout, plan.window,
-      pool.Take(FileBufferBytes(RectArea(plan.window), plan.layout.channels, frame.input.depth)),
-      halfOut);
+  out.result = NewOutputBuffer(frame.input, plan.layout, plan.window, pool.Take(plan.bufferBytes),
+                               halfOut);
   out.passes = static_cast<int>(plan.passes.size());
   for (int pass = 0; pass < out.passes; ++pass) {
     const Pass& p = plan.passes[static_cast<size_t>(pass)];

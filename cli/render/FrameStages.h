@@ -75,6 +75,9 @@ struct FramePlan {
   OutputWindows windows;
   hostsim::ParamValues params;
   double stretch = 1;  // --desqueeze: the result's width is resampled by this factor
+  // The capacity of each of the frame's file buffers, input and output alike: one size for
+  // both, so that any buffer the pool hands back fits either.
+  uint64_t bufferBytes = 0;
 };
 
 // What a frame's parameters and sizes decide before any pixel: the effect's lens record and
@@ -112,7 +115,7 @@ class OutputFramePlanner {
 // 4 KiB on first touch, a noticeable share of a large frame's time. Safe from any thread.
 class BufferPool {
  public:
-  // A buffer of at least `bytes` capacity if one was given back, else an empty one.
+  // A buffer of at least `bytes` capacity: one given back, else a new one.
   std::vector<uint8_t> Take(size_t bytes);
   void Give(std::vector<uint8_t> buffer);
 
