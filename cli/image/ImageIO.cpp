@@ -559,7 +559,8 @@ std::unique_ptr<World> PassLayer(const PixelBuffer& px, const Pass& p, int origi
   const size_t rowSamples = static_cast<size_t>(w) * n;
   if (px.half) {
     for (int y = 0; y < h; ++y) {
-      ToWorldRow(reinterpret_cast<const half*>(px.bytes.data()) + rowSamples * y, w, n, p, 1.0f,
+      ToWorldRow(reinterpret_cast<const half*>(px.bytes.data()) + rowSamples * y, w, n, p,
+                 static_cast<float>(kPixelDepthFloat.alphaMax),
                  [](half v) { return static_cast<float>(v); },
                  reinterpret_cast<float*>(layer->Row(y + originY - rect.top) + skip));
     }
@@ -679,7 +680,8 @@ void StorePass(const InputImage& /*input*/, const OutputLayout& layout, const Pa
     if (out->half) {
       // Each channel of the row through OpenImageIO's own float-to-half conversion, the one its
       // writer applies to a float buffer: the same bits as writing the floats.
-      const float* row = reinterpret_cast<const float*>(rendered->Row(wy)) + 4 * static_cast<size_t>(wx);
+      const float* row =
+          reinterpret_cast<const float*>(rendered->Row(wy)) + 4 * static_cast<size_t>(wx);
       half* to = reinterpret_cast<half*>(out->bytes.data()) + at;
       std::vector<float>& wide = scratch.first;
       std::vector<half>& narrow = scratch.second;

@@ -1,7 +1,7 @@
 // Image files in and out of the host's pixel layout, through OpenImageIO.
 //
 // 8-bit files travel at 8 bits, 16-bit files at 16 bits (the host's range is 0..32768), and
-// every other sample type in 32-bit float. The host's pixels hold an alpha and three colour
+// every other sample type in 32-bit float (half files' buffers hold half; see PixelBuffer). The host's pixels hold an alpha and three colour
 // slots; an image with any number of channels goes through the effect in passes, each pass
 // rendering up to three of its non-alpha channels that share a filter (ChannelFilters.h) in
 // the colour slots and its alpha (or an opaque one) in the alpha slot, so that only the alpha
