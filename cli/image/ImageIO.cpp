@@ -1,6 +1,8 @@
 #include "cli/image/ImageIO.h"
 
 #include <OpenImageIO/filesystem.h>
+#include <OpenImageIO/fmath.h>
+#include <OpenImageIO/half.h>
 #include <OpenImageIO/imagebuf.h>
 #include <OpenImageIO/imagebufalgo.h>
 #include <sys/stat.h>
@@ -495,22 +497,43 @@ OIIO::ImageSpec CheckWholeImage(const std::string& path) {
   return spec;
 }
 
-PixelBuffer ReadPixels(InputImage& image, std::vector<uint8_t> storage) {
+OIIO::TypeDesc SampleTypeOf(const PixelBuffer& px) {
+  return px.half ? OIIO::TypeDesc(OIIO::TypeDesc::HALF) : BufferTypeOf(px.depth);
+}
+
+bool StoredAsHalf(const InputImage& image) {
+  const OIIO::ImageSpec& s = image.spec;
+  return image.depth == Depth::kFloat && s.format == OIIO::TypeDesc::HALF &&
+         std::all_of(s.channelformats.begin(), s.channelformats.end(),
+                     [](OIIO::TypeDesc t) { return t == OIIO::TypeDesc::HALF; });
+}
+
+PixelBuffer ReadPixels(InputImage& image, std::vector<uint8_t> storage, bool keepHalf) {
   PixelBuffer px;
   px.bytes = std::move(storage);
   px.width = image.spec.width;
   px.height = image.spec.height;
   px.channels = image.channels;
   px.depth = image.depth;
-  px.bytes.resize(FileBufferBytes(static_cast<long long>(px.width) * px.height, px.channels,
-                                  px.depth));
+  px.half = keepHalf && StoredAsHalf(image);
+  px.bytes.resize(static_cast<size_t>(px.width) * static_cast<size_t>(px.height) *
+                  static_cast<size_t>(px.channels) * SampleTypeOf(px).size());
   // OpenImageIO 2.4's TIFF reader can record a failed strip (a cut-off or damaged file) and
   // still report success with the strip left 0, and its JPEG reader reports a cut-off file
   // only that way: an error recorded while reading is a failed read. (Whatever opening left
   // behind is dropped first.)
   image.reader->geterror();
-  const bool read = image.reader->read_image(0, 0, 0, px.channels, BufferTypeOf(px.depth),
-                                             px.bytes.data());
+  // A scanline OpenEXR file's samples, where the buffer holds them as stored, straight into the
+  // buffer (read_image would decode them into a fresh buffer of its own and copy them over).
+  const OIIO::ImageSpec& s = image.spec;
+  const bool native =
+      image.format == "openexr" && s.tile_width == 0 && SampleTypeOf(px) == s.format &&
+      std::all_of(s.channelformats.begin(), s.channelformats.end(),
+                  [&](OIIO::TypeDesc t) { return t == s.format; });
+  const bool read =
+      native ? image.reader->read_native_scanlines(0, 0, s.y, s.y + s.height, s.z, 0, px.channels,
+                                                   px.bytes.data())
+             : image.reader->read_image(0, 0, 0, px.channels, SampleTypeOf(px), px.bytes.data());
   const std::string readError = image.reader->geterror();
   if (!read || !readError.empty()) throw IoError(FileErrorText(image.path, readError));
   image.reader->close();
@@ -534,6 +557,15 @@ std::unique_ptr<World> PassLayer(const PixelBuffer& px, const Pass& p, int origi
   }
   const size_t skip = static_cast<size_t>(originX - rect.left) * hostsim::PixelBytes(px.depth);
   const size_t rowSamples = static_cast<size_t>(w) * n;
+  if (px.half) {
+    for (int y = 0; y < h; ++y) {
+      ToWorldRow(reinterpret_cast<const half*>(px.bytes.data()) + rowSamples * y, w, n, p,
+                 static_cast<float>(kPixelDepthFloat.alphaMax),
+                 [](half v) { return static_cast<float>(v); },
+                 reinterpret_cast<float*>(layer->Row(y + originY - rect.top) + skip));
+    }
+    return layer;
+  }
   ForPixelDepth(px.depth, [&](auto tag) {
     using Samples = FileSamples<decltype(tag)::kBits>;
     using T = typename Samples::T;
@@ -611,15 +643,16 @@ std::vector<Pass> PlanPasses(const InputImage& input, const OutputLayout& layout
 }
 
 PixelBuffer NewOutputBuffer(const InputImage& input, const OutputLayout& layout,
-                            const PF_LRect& window, std::vector<uint8_t> storage) {
+                            const PF_LRect& window, std::vector<uint8_t> storage, bool half) {
   PixelBuffer out;
   out.bytes = std::move(storage);
   out.width = window.right - window.left;
   out.height = window.bottom - window.top;
   out.channels = layout.channels;
   out.depth = input.depth;
-  out.bytes.assign(FileBufferBytes(static_cast<long long>(out.width) * out.height, out.channels,
-                                   out.depth),
+  out.half = half && input.depth == Depth::kFloat;
+  out.bytes.assign(static_cast<size_t>(out.width) * static_cast<size_t>(out.height) *
+                       static_cast<size_t>(out.channels) * SampleTypeOf(out).size(),
                    0);
   return out;
 }
@@ -637,12 +670,36 @@ void StorePass(const InputImage& /*input*/, const OutputLayout& layout, const Pa
       window.bottom, static_cast<long long>(rendered->originY()) + rendered->height());
   const int n = out->channels;
   const size_t rowSamples = static_cast<size_t>(out->width) * n;
+  std::pair<std::vector<float>, std::vector<half>> scratch;
   for (long long y = y0; y < y1 && x0 < x1; ++y) {
     const int wy = static_cast<int>(y - rendered->originY());
     const int wx = static_cast<int>(x0 - rendered->originX());
     const size_t at = static_cast<size_t>(y - window.top) * rowSamples +
                       static_cast<size_t>(x0 - window.left) * n;
     const int count = static_cast<int>(x1 - x0);
+    if (out->half) {
+      // Each channel of the row through OpenImageIO's own float-to-half conversion, the one its
+      // writer applies to a float buffer: the same bits as writing the floats.
+      const float* row =
+          reinterpret_cast<const float*>(rendered->Row(wy)) + 4 * static_cast<size_t>(wx);
+      half* to = reinterpret_cast<half*>(out->bytes.data()) + at;
+      std::vector<float>& wide = scratch.first;
+      std::vector<half>& narrow = scratch.second;
+      wide.resize(static_cast<size_t>(count));
+      narrow.resize(static_cast<size_t>(count));
+      const int slots[4] = {p.colour[0], p.colour[1], p.colour[2], alphaOut};
+      for (int s = 0; s < 4; ++s) {
+        if (slots[s] < 0) continue;
+        const int slot = s == 3 ? 0 : 1 + s;
+        for (int x = 0; x < count; ++x) wide[static_cast<size_t>(x)] = row[4 * x + slot];
+        OIIO::convert_type<float, half>(wide.data(), narrow.data(), static_cast<size_t>(count));
+        for (int x = 0; x < count; ++x) {
+          to[static_cast<size_t>(x) * n + static_cast<size_t>(slots[s])] =
+              narrow[static_cast<size_t>(x)];
+        }
+      }
+      continue;
+    }
     ForPixelDepth(out->depth, [&](auto tag) {
       using Samples = FileSamples<decltype(tag)::kBits>;
       using T = typename Samples::T;

@@ -1,7 +1,7 @@
 // Image files in and out of the host's pixel layout, through OpenImageIO.
 //
 // 8-bit files travel at 8 bits, 16-bit files at 16 bits (the host's range is 0..32768), and
-// every other sample type in 32-bit float. The host's pixels hold an alpha and three colour
+// every other sample type in 32-bit float (half files' buffers hold half; see PixelBuffer). The host's pixels hold an alpha and three colour
 // slots; an image with any number of channels goes through the effect in passes, each pass
 // rendering up to three of its non-alpha channels that share a filter (ChannelFilters.h) in
 // the colour slots and its alpha (or an opaque one) in the alpha slot, so that only the alpha
@@ -67,15 +67,27 @@ OIIO::ImageSpec CheckWholeImage(const std::string& path);
 
 // Every channel of the image, interleaved, in the host's sample type (8-bit, 16-bit file
 // values, or float).
+// Float images whose file holds half samples keep them as half (`half`): read and written
+// without OpenImageIO widening the whole image into a buffer of its own, and converted a row
+// at a time on the way into and out of the host's layer (half to float is exact; float to half
+// rounds as OpenImageIO's writer does).
 struct PixelBuffer {
   int width = 0, height = 0, channels = 0;
   Depth depth = Depth::k8;
+  bool half = false;  // Depth::kFloat samples stored as half
   std::vector<uint8_t> bytes;
 };
+// The sample type of the buffer's bytes.
+OIIO::TypeDesc SampleTypeOf(const PixelBuffer& px);
+// True when every channel of the image is stored as half: ReadPixels(image, ..., true) keeps
+// them so.
+bool StoredAsHalf(const InputImage& image);
 // Reads the pixels; closes the file. Throws CliError(kExitIo) on a failed read. `storage` is
 // a buffer to read into (its bytes are overwritten), so that a sequence reuses its buffers:
-// the first touch of fresh memory costs a page fault for every 4 KiB.
-PixelBuffer ReadPixels(InputImage& image, std::vector<uint8_t> storage = {});
+// the first touch of fresh memory costs a page fault for every 4 KiB. `keepHalf`: an image
+// StoredAsHalf is read as half.
+PixelBuffer ReadPixels(InputImage& image, std::vector<uint8_t> storage = {},
+                       bool keepHalf = false);
 // One render through the effect: its filter, the file channels in the colour slots (-1: an
 // empty slot, 0) and in the alpha slot (the image's alpha in every pass; -1: opaque), and
 // whether the output's alpha channel is taken from this pass.
@@ -111,9 +123,10 @@ std::vector<Pass> PlanPasses(const InputImage& input, const OutputLayout& layout
                              const std::vector<int>& filters);
 
 // An empty (zero) output buffer covering `window` (layer coordinates) in the input's host
-// type, in `storage` when given.
+// type (`half`: a float image's samples as half), in `storage` when given.
 PixelBuffer NewOutputBuffer(const InputImage& input, const OutputLayout& layout,
-                            const PF_LRect& window, std::vector<uint8_t> storage = {});
+                            const PF_LRect& window, std::vector<uint8_t> storage = {},
+                            bool half = false);
 // The buffer resampled to `width` columns (OpenImageIO's resize and its default filter for the
 // scale), its rows unchanged: render --desqueeze.
 PixelBuffer StretchWidth(const PixelBuffer& pixels, int width);

@@ -294,7 +294,7 @@ void WriteOutput(const std::string& path, const std::string& shownPath, const In
                      std::to_string(windows.display.top - windows.data.top) + " in it");
   }
   OIIO::TypeDesc written = plan.type;
-  WriteImageFile(std::move(out), path, shownPath, spec, BufferTypeOf(pixels.depth),
+  WriteImageFile(std::move(out), path, shownPath, spec, SampleTypeOf(pixels),
                  pixels.bytes.data(), &written);
   if (notes && plan.channelTypes.empty() && written != plan.type) {
     notes->push_back(plan.format + " writer chose " + TypeName(written) + " samples");

@@ -6,6 +6,8 @@
 #include <climits>
 #include <cstdio>
 
+#include <OpenImageIO/half.h>
+
 #include "cli/shared/Errors.h"
 #include "common/Version.h"
 #include "cli/lens/Fit.h"
@@ -123,16 +125,26 @@ std::string ClippedChannels(const InputImage& input, const FramePlan& plan,
     clips[i] = IsKernelFilter(plan.channelFilters[i].filter);
   }
   if (std::find(clips.begin(), clips.end(), true) == clips.end()) return std::string();
-  const float* v = reinterpret_cast<const float*>(px.bytes.data());
-  const size_t count = px.bytes.size() / sizeof(float);
-  for (size_t i = 0; i < count; ++i) {
-    if (v[i] < 0.0f && clips[i % n]) negative[i % n] = true;
+  const auto find = [&](const auto* v) {
+    const size_t count = px.bytes.size() / sizeof *v;
+    for (size_t i = 0; i < count; ++i) {
+      if (static_cast<float>(v[i]) < 0.0f && clips[i % n]) negative[i % n] = true;
+    }
+  };
+  if (px.half) {
+    find(reinterpret_cast<const half*>(px.bytes.data()));
+  } else {
+    find(reinterpret_cast<const float*>(px.bytes.data()));
   }
   std::string names;
   for (size_t c = 0; c < n; ++c) {
     if (negative[c]) names += (names.empty() ? "" : ", ") + plan.layout.names[c];
   }
   return names;
+}
+
+double SecondsSince(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
 constexpr long long kLargeOutputPixels = 100000000;
@@ -173,8 +185,9 @@ FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& no
   const long long dataPixels = RectArea(plan.dataRect);
   plan.params = ToParamValues(plan.settings, plan.sizes);
 
-  const auto [back, outFrame] =
+  const PlannedOutput planned =
       planner.Get(plan.params, plan.settings, plan.sizes, plan.frame.frame);
+  const DefaultWindow& outFrame = planned.frame;
   plan.window = outFrame.rect;
   if (job.window) {
     plan.window = *job.window;
@@ -200,7 +213,8 @@ FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& no
   const uint64_t outputBuffer =
       FileBufferBytes(windowPixels + (plan.stretch != 1 ? writtenPixels : 0), plan.layout.channels,
                       input.depth);
-  const uint64_t need = (job.pipelined ? 2 : 1) * (inputBuffer + outputBuffer) +
+  plan.bufferBytes = std::max(inputBuffer, outputBuffer);
+  const uint64_t need = (job.pipelined ? 2 : 1) * 2 * plan.bufferBytes +
                         2 * WorldBytes(layerPixels, input.depth) +
                         WorldBytes(windowPixels, input.depth);
   CheckMemory(need, "rendering " + files.input + " into a " +
@@ -210,15 +224,10 @@ FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& no
     notes("warning: the output is " + std::to_string(windowPixels / 1000000) + " megapixels (" +
           SizeText(plan.window) + ")");
   }
-  const PF_LRect distortedFrame =
-      plan.settings.mode == kModeApply
-          ? outFrame.rect
-          : PF_LRect{0, 0, plan.sizes.distorted.width, plan.sizes.distorted.height};
-  const double undoable = UndoableRadius(plan.settings, back.lens);
-  const double lost = UnreachableFraction(back.lens, plan.settings.mode, distortedFrame, undoable);
-  if (lost > 0.0) {
-    notes("warning: " + Percent(lost) + " of the distorted frame lies beyond the radius " +
-          "the lens can invert (" + std::to_string(undoable) +
+  if (planned.lost > 0.0) {
+    const double undoable = UndoableRadius(plan.settings, planned.back.lens);
+    notes("warning: " + Percent(planned.lost) + " of the distorted frame lies beyond the " +
+          "radius the lens can invert (" + std::to_string(undoable) +
           (plan.settings.mode == kModeApply
                ? "); there the output repeats the edge of what it inverts"
                : "); that part of the plate is not in the output"));
@@ -228,9 +237,26 @@ FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& no
 
 }  // namespace
 
-std::pair<PreRenderReadBack, DefaultWindow> OutputFramePlanner::Get(
-    const hostsim::ParamValues& params, const LensSettings& settings, const LensSizes& sizes,
-    ImageSize frame) {
+StageTimes& StageTimes::operator+=(const StageTimes& o) {
+  read += o.read;
+  toLayer += o.toLayer;
+  render += o.render;
+  fromLayer += o.fromLayer;
+  write += o.write;
+  return *this;
+}
+
+std::string StageTimesText(const StageTimes& t) {
+  char text[160];
+  std::snprintf(text, sizeof text,
+                "read %.3f s, to layer %.3f s, render %.3f s, from layer %.3f s, write %.3f s",
+                t.read, t.toLayer, t.render, t.fromLayer, t.write);
+  return text;
+}
+
+PlannedOutput OutputFramePlanner::Get(const hostsim::ParamValues& params,
+                                      const LensSettings& settings, const LensSizes& sizes,
+                                      ImageSize frame) {
   std::lock_guard<std::mutex> lock(mutex_);
   const auto same = [](ImageSize a, ImageSize b) {
     return a.width == b.width && a.height == b.height;
@@ -253,7 +279,12 @@ std::pair<PreRenderReadBack, DefaultWindow> OutputFramePlanner::Get(
     throw EffectError("the effect's output frame " + RectText(back.lens.maxResultRect) +
                       " is empty; nothing to render");
   }
-  known_.push_back(Known{params, sizes, std::make_pair(back, outFrame)});
+  const PF_LRect distortedFrame =
+      settings.mode == kModeApply ? outFrame.rect
+                                  : PF_LRect{0, 0, sizes.distorted.width, sizes.distorted.height};
+  const double lost = UnreachableFraction(back.lens, settings.mode, distortedFrame,
+                                          UndoableRadius(settings, back.lens));
+  known_.push_back(Known{params, sizes, PlannedOutput{back, outFrame, lost}});
   return known_.back().result;
 }
 
@@ -265,7 +296,11 @@ std::vector<uint8_t> BufferPool::Take(size_t bytes) {
       best = it;
     }
   }
-  if (best == kept_.end()) return {};
+  if (best == kept_.end()) {
+    std::vector<uint8_t> fresh;
+    fresh.reserve(bytes);
+    return fresh;
+  }
   std::vector<uint8_t> buffer = std::move(*best);
   kept_.erase(best);
   return buffer;
@@ -284,15 +319,14 @@ ReadFrame ReadFrameFiles(const RenderJob& job, OutputFramePlanner& planner, Note
   frame.input = OpenInputImage(files.input, job.alpha);
   frame.plan = PlanFrame(job, planner, notes, frame.input, files);
   frame.temp = std::make_unique<TempOutputFile>(files.output);
-  const long long dataPixels = RectArea(frame.plan.dataRect);
-  frame.pixels = ReadPixels(
-      frame.input, pool.Take(FileBufferBytes(dataPixels, frame.input.channels, frame.input.depth)));
+  frame.pixels = ReadPixels(frame.input, pool.Take(frame.plan.bufferBytes), true);
   if (const std::string clipped = ClippedChannels(frame.input, frame.plan, frame.pixels);
       !clipped.empty()) {
     notes("warning: negative values in " + clipped + ", which the kernel filters (" +
           KernelFilterWords() + ") clip to 0; --channel-filter NAME=" +
           ChoiceWord(kParamFilter, kFilterBiLinear) + " keeps them");
   }
+  frame.times.read = SecondsSince(frame.started);
   return frame;
 }
 
@@ -307,31 +341,45 @@ RenderedFrame FrameRenderer::Render(ReadFrame frame, Notes& notes, BufferPool& p
   }
   session_->SetRowProgress(rowProgress);
   RenderedFrame out;
-  out.result = NewOutputBuffer(
-      frame.input, plan.layout, plan.window,
-      pool.Take(FileBufferBytes(RectArea(plan.window), plan.layout.channels, frame.input.depth)));
+  out.times = frame.times;
+  Clock::time_point mark = Clock::now();
+  // Written as half: kept as half from the render on, so that the writer converts nothing.
+  const OutputPlan& o = plan.outPlan;
+  const bool halfOut =
+      plan.stretch == 1 && o.format == "openexr" && o.type == OIIO::TypeDesc::HALF &&
+      std::all_of(o.channelTypes.begin(), o.channelTypes.end(),
+                  [](OIIO::TypeDesc t) { return t == OIIO::TypeDesc::HALF; });
+  out.result = NewOutputBuffer(frame.input, plan.layout, plan.window, pool.Take(plan.bufferBytes),
+                               halfOut);
   out.passes = static_cast<int>(plan.passes.size());
   for (int pass = 0; pass < out.passes; ++pass) {
     const Pass& p = plan.passes[static_cast<size_t>(pass)];
     layer_ = PassLayer(frame.pixels, p, plan.dataRect.left, plan.dataRect.top, plan.layerRect,
                        std::move(layer_));
+    out.times.toLayer += SecondsSince(mark);
+    mark = Clock::now();
     hostsim::ParamValues params = plan.params;
     params.filter = p.filter;
     session_->SetParams(params);
     session_->SetInputLayer(layer_.get());
     session_->PreRender(plan.window);
     output_ = session_->Render(std::move(output_));
+    out.times.render += SecondsSince(mark);
     if (pass == 0 && !AnyAlpha(output_.get())) {
       notes("warning: the result is fully transparent: no pixel of the input reaches the output" +
             std::string(plan.settings.zoom == 0.0 ? " (--zoom 0)" : ""));
     }
+    mark = Clock::now();
     StorePass(frame.input, plan.layout, p, output_.get(), plan.window, &out.result);
+    out.times.fromLayer += SecondsSince(mark);
+    mark = Clock::now();
   }
   session_->SetInputLayer(nullptr);
   session_->SetRowProgress(nullptr);
   if (plan.stretch != 1) {
     const PF_LRect& d = plan.windows.data;
     out.result = StretchWidth(out.result, d.right - d.left);
+    out.times.fromLayer += SecondsSince(mark);
   }
   pool.Give(std::move(frame.pixels.bytes));
   out.files = std::move(frame.files);
@@ -347,8 +395,9 @@ void FrameRenderer::Finish() {
   session_.reset();
 }
 
-void WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, BufferPool& pool,
-                std::ostream& out) {
+StageTimes WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, BufferPool& pool,
+                      std::ostream& out) {
+  const Clock::time_point writeStart = Clock::now();
   const FramePlan& plan = frame.plan;
   const LensSettings& settings = plan.settings;
   OIIO::ParamValueList header;
@@ -380,8 +429,9 @@ void WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, BufferP
               plan.windows, frame.result, header, job.verbose ? &written : nullptr);
   frame.temp->Commit();
   pool.Give(std::move(frame.result.bytes));
+  frame.times.write = SecondsSince(writeStart);
   for (const std::string& n : plan.outPlan.notes) notes("note: " + n);
-  if (!job.verbose || job.quiet) return;
+  if (!job.verbose || job.quiet) return frame.times;
   const double seconds = std::chrono::duration<double>(Clock::now() - frame.started).count();
   char time[32];
   std::snprintf(time, sizeof time, "%.2f s", seconds);
@@ -410,6 +460,8 @@ void WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, BufferP
   for (size_t i = plan.outPlan.notes.size(); i < written.size(); ++i) {
     out << "  " << written[i] << "\n";
   }
+  out << "  times: " << StageTimesText(frame.times) << "\n";
+  return frame.times;
 }
 
 bool IsFinishedOutput(const RenderJob& job, const FrameFiles& files, Notes& notes) {

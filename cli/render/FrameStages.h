@@ -75,16 +75,27 @@ struct FramePlan {
   OutputWindows windows;
   hostsim::ParamValues params;
   double stretch = 1;  // --desqueeze: the result's width is resampled by this factor
+  // The capacity of each of the frame's file buffers, input and output alike: one size for
+  // both, so that any buffer the pool hands back fits either.
+  uint64_t bufferBytes = 0;
+};
+
+// What a frame's parameters and sizes decide before any pixel: the effect's lens record and
+// output frame, and the share of the distorted frame beyond the radius the lens can invert.
+struct PlannedOutput {
+  PreRenderReadBack back;
+  DefaultWindow frame;
+  double lost = 0;
 };
 
 // The effect's output frame and lens centre for a set of parameters, from a pre-render on a
-// host that supplies no input (no pixels needed); computed once per set of parameters.
+// host that supplies no input (no pixels needed); computed once per set of parameters and
+// sizes, so that the frames of a shot share it.
 class OutputFramePlanner {
  public:
   explicit OutputFramePlanner(const RenderJob& job) : job_(job) {}
-  std::pair<PreRenderReadBack, DefaultWindow> Get(const hostsim::ParamValues& params,
-                                                  const LensSettings& settings,
-                                                  const LensSizes& sizes, ImageSize frame);
+  PlannedOutput Get(const hostsim::ParamValues& params, const LensSettings& settings,
+                    const LensSizes& sizes, ImageSize frame);
 
  private:
   const RenderJob& job_;
@@ -94,7 +105,7 @@ class OutputFramePlanner {
   struct Known {
     hostsim::ParamValues params;
     LensSizes sizes;
-    std::pair<PreRenderReadBack, DefaultWindow> result;
+    PlannedOutput result;
   };
   std::vector<Known> known_;
 };
@@ -104,7 +115,7 @@ class OutputFramePlanner {
 // 4 KiB on first touch, a noticeable share of a large frame's time. Safe from any thread.
 class BufferPool {
  public:
-  // A buffer of at least `bytes` capacity if one was given back, else an empty one.
+  // A buffer of at least `bytes` capacity: one given back, else a new one.
   std::vector<uint8_t> Take(size_t bytes);
   void Give(std::vector<uint8_t> buffer);
 
@@ -114,9 +125,19 @@ class BufferPool {
   std::vector<std::vector<uint8_t>> kept_;
 };
 
+// Where a frame's time went, in seconds of each stage's own thread: reading (header, plan and
+// pixels), the file's channels into the host's layer, the effect's render, the result back
+// into the file's channels, and writing. -v prints them per frame and summed over a shot.
+struct StageTimes {
+  double read = 0, toLayer = 0, render = 0, fromLayer = 0, write = 0;
+  StageTimes& operator+=(const StageTimes& o);
+};
+std::string StageTimesText(const StageTimes& t);
+
 struct ReadFrame {
   FrameFiles files;
   Clock::time_point started;
+  StageTimes times;
   InputImage input;  // the header (its reader closed once the pixels are read)
   FramePlan plan;
   std::unique_ptr<TempOutputFile> temp;  // made before the pixels are read
@@ -131,6 +152,7 @@ ReadFrame ReadFrameFiles(const RenderJob& job, OutputFramePlanner& planner, Note
 struct RenderedFrame {
   FrameFiles files;
   Clock::time_point started;
+  StageTimes times;
   InputImage input;
   FramePlan plan;
   std::unique_ptr<TempOutputFile> temp;
@@ -158,8 +180,8 @@ class FrameRenderer {
 };
 
 // Writes the frame to its temporary file and renames it over the output; the -v report goes
-// to `out`. The output buffer goes back to `pool`.
-void WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, BufferPool& pool,
+// to `out`. The output buffer goes back to `pool`. Returns the frame's stage times.
+StageTimes WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, BufferPool& pool,
                 std::ostream& out);
 
 // render --skip-existing: true when the frame's output is a whole image (CheckWholeImage) and,

@@ -259,11 +259,14 @@ int RenderSelection(RenderJob& job, const FrameSelection& selection,
   // Standard output failed (-v, --progress lines or openjd): whoever reads it has gone, so the
   // run stops; its errno.
   std::optional<int> stdoutFailure;
+  StageTimes shotTimes;
+  int framesWritten = 0;
   auto write = [&] {
     while (std::optional<Stage<RenderedFrame>> stage = toWrite.Take()) {
       if (stage->value) {
         try {
-          WriteFrame(job, std::move(*stage->value), notes, pool, out);
+          shotTimes += WriteFrame(job, std::move(*stage->value), notes, pool, out);
+          ++framesWritten;
         } catch (...) {
           stage->error = std::current_exception();
         }
@@ -319,6 +322,10 @@ int RenderSelection(RenderJob& job, const FrameSelection& selection,
   toWrite.Close();
   reader.join();
   writer.join();
+  if (job.verbose && !job.quiet && selection.numbered && !stdoutFailure) {
+    out << "shot: " << framesWritten << (framesWritten == 1 ? " frame, " : " frames, ")
+        << StageTimesText(shotTimes) << "\n";
+  }
   progress.Finish(static_cast<int>(failures.size()));
   if (stdoutFailure) {
     try {

@@ -185,9 +185,11 @@ PreRenderReadBack EffectSession::PreRender(const PF_LRect& request) {
 
 std::unique_ptr<hostsim::World> EffectSession::Render(std::unique_ptr<hostsim::World> reuse) {
   std::unique_ptr<hostsim::World> output = std::move(reuse);
-  // A new world already holds zeros; a reused one holds the last frame.
+  // A new world already holds zeros; a reused one holds the last frame, which is not cleared
+  // first: a render that succeeds writes every pixel of its output (each row whole, or the
+  // whole world cleared when no input pixel reaches it), and one that fails is not used.
   host_.reuseOutput = output != nullptr;
-  host_.clearOutput = output != nullptr;
+  host_.clearOutput = false;
   try {
     // All of them before the first render, so that a limit on threads is the command's error
     // rather than the effect's.
