@@ -5,6 +5,7 @@
 #include <OpenImageIO/half.h>
 #include <OpenImageIO/imagebuf.h>
 #include <OpenImageIO/imagebufalgo.h>
+#include <OpenImageIO/strutil.h>
 #include <sys/stat.h>
 #include <zlib.h>
 
@@ -379,15 +380,10 @@ std::string FileError(const std::string& path, const std::string& why) {
 
 namespace {
 
-std::string Lower(std::string s) {
-  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return s;
-}
-
 // The alpha channel: --alpha NAME, "none", or the file's own (OpenImageIO's alpha_channel,
 // else a channel named A or alpha, in any case).
 int FindAlpha(const OIIO::ImageSpec& s, const std::string& path, const std::string& option) {
-  if (Lower(option) == "none") return -1;
+  if (OIIO::Strutil::iequals(option, "none")) return -1;
   if (!option.empty()) {
     for (int c = 0; c < s.nchannels; ++c) {
       if (s.channel_name(c) == option) return c;
@@ -401,8 +397,8 @@ int FindAlpha(const OIIO::ImageSpec& s, const std::string& path, const std::stri
   }
   if (s.alpha_channel >= 0 && s.alpha_channel < s.nchannels) return s.alpha_channel;
   for (int c = 0; c < s.nchannels; ++c) {
-    const std::string n = Lower(std::string(s.channel_name(c)));
-    if (n == "a" || n == "alpha") return c;
+    const std::string n = s.channel_name(c);
+    if (OIIO::Strutil::iequals(n, "a") || OIIO::Strutil::iequals(n, "alpha")) return c;
   }
   return -1;
 }

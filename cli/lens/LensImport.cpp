@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <lensfun.h>
+#include <OpenImageIO/strutil.h>
 
 #include <algorithm>
 #include <cctype>
@@ -217,23 +218,18 @@ Imported FromFfmpeg(const LensCommand& c, ImageSize frame) {
   return im;
 }
 
-std::string Lower(std::string s) {
-  for (char& ch : s) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
-  return s;
-}
-
 // "Canon EF28mm f/2.8": the model, after its maker unless the model already starts with it.
 std::string LensName(const lfLens* lens) {
   const std::string maker = lens->Maker ? lf_mlstr_get(lens->Maker) : "";
   const std::string model = lens->Model ? lf_mlstr_get(lens->Model) : "";
-  return Lower(model).rfind(Lower(maker), 0) == 0 ? model : maker + " " + model;
+  return OIIO::Strutil::istarts_with(model, maker) ? model : maker + " " + model;
 }
 
 // A lens name as compared: lower case, without spaces and without the maker in front
 // ("Canon EF 28mm f/2.8" and "EF28mm f/2.8" by Canon are the same name).
 std::string NameKey(const std::string& name, const lfLens* lens) {
   auto squeeze = [](std::string text) {
-    text = Lower(text);
+    OIIO::Strutil::to_lower(text);
     text.erase(std::remove(text.begin(), text.end(), ' '), text.end());
     return text;
   };

@@ -1,6 +1,7 @@
 #include "cli/lens/LensOptions.h"
 
 #include <CLI/CLI.hpp>
+#include <OpenImageIO/strutil.h>
 
 #include <algorithm>
 #include <cctype>
@@ -39,9 +40,8 @@ double ParseSlider(const std::string& option, const std::string& text, SliderRan
 
 int ParseChoice(int index, const std::string& text, const std::string& option) {
   const ParamEntry& param = Param(index);
-  const std::string s = Lower(text);
   for (int c = 0; c < param.choiceCount; ++c) {
-    if (s == param.choices[c].word) return c + 1;
+    if (OIIO::Strutil::iequals(text, param.choices[c].word)) return c + 1;
   }
   throw UsageError((option.empty() ? std::string(param.option) : option) + ": expected " +
                    ChoiceList(index) + ", got " + Quoted(text));

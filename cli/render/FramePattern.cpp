@@ -215,4 +215,8 @@ std::string FrameListText(const std::vector<int>& frames) {
   return text;
 }
 
+std::string FramesText(const std::vector<int>& frames) {
+  return (frames.size() == 1 ? "frame " : "frames ") + FrameListText(frames);
+}
+
 }  // namespace veltrisca

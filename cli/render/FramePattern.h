@@ -47,6 +47,8 @@ std::vector<int> FramesOnDisk(const FramePattern& pattern);
 
 // "1001-1003,1007": frames (ascending) in the --frames grammar, for messages.
 std::string FrameListText(const std::vector<int>& frames);
+// "frame 1001", "frames 1001-1003,1007".
+std::string FramesText(const std::vector<int>& frames);
 
 }  // namespace veltrisca
 

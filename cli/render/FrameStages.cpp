@@ -59,6 +59,10 @@ std::string SizeText(const PF_LRect& r) {
          std::to_string(r.left) + "," + std::to_string(r.top);
 }
 
+std::string SizeText(ImageSize s) {
+  return std::to_string(s.width) + "x" + std::to_string(s.height);
+}
+
 std::string ChannelText(const std::vector<std::string>& names, int alpha) {
   std::string s;
   for (size_t c = 0; c < names.size(); ++c) s += (c ? "," : "") + names[c];
@@ -149,6 +153,35 @@ double SecondsSince(Clock::time_point start) {
 
 constexpr long long kLargeOutputPixels = 100000000;
 
+// What the output's header adds to the input's (FramePlan::header).
+OIIO::ParamValueList OutputHeader(const RenderJob& job, const FramePlan& plan) {
+  OIIO::ParamValueList header;
+  header.attribute("Software", "veltrisca " + VersionText());
+  if (std::any_of(plan.channelFilters.begin(), plan.channelFilters.end(),
+                  [&](const ChannelFilter& f) { return f.filter != plan.settings.filter; })) {
+    header.attribute("veltrisca:channelFilters",
+                     ChannelFiltersText(plan.layout.names, plan.channelFilters,
+                                        job.channelFilters, false));
+  }
+  if (plan.stretch == 1) {
+    RecordLens(plan.settings, plan.sizes, &header);
+    return header;
+  }
+  // A desqueezed result records the lens in its own square pixels: the same lens, so that an
+  // apply of it gives the plate desqueezed.
+  LensSettings square = plan.settings;
+  square.pixelAspect = 1;
+  const auto stretched = [&](ImageSize s) {
+    const PF_LRect r = StretchX(PF_LRect{0, 0, s.width, s.height}, plan.stretch);
+    return ImageSize{r.right, s.height};
+  };
+  RecordLens(square, LensSizes{stretched(plan.sizes.distorted), stretched(plan.sizes.undistorted)},
+             &header);
+  header.attribute("PixelAspectRatio", 1.0f);
+  header.attribute("veltrisca:desqueezed", 1);
+  return header;
+}
+
 // The frame's lens settings, sizes, windows and output file, from its header; warns about what
 // the output will lack.
 FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& notes,
@@ -204,6 +237,18 @@ FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& no
   }
   if (!plan.outPlan.windows) plan.windows = AtOrigin(plan.windows);
   const long long writtenPixels = RectArea(plan.windows.data);
+  plan.header = OutputHeader(job, plan);
+  if (job.verbose) {
+    const LensSettings& s = plan.settings;
+    plan.lensText = std::string(ModeName(s.mode)) + ", " + FilterName(s.filter) + ", sizes " +
+                    SizeText(plan.sizes.distorted) + " distorted, " +
+                    SizeText(plan.sizes.undistorted) + " undistorted" +
+                    (s.pixelAspect == 1.0 ? ""
+                                          : ", pixel aspect " + Number(s.pixelAspect) +
+                                                (plan.stretch != 1 ? " (desqueezed)" : ""));
+    plan.filtersText =
+        ChannelFiltersText(plan.layout.names, plan.channelFilters, job.channelFilters, true);
+  }
 
   // Input file buffer, one pass's input layer and the host's copy of it, output world and
   // output file buffer, all at once at worst; a sequence holds one more input and output
@@ -399,34 +444,9 @@ StageTimes WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, B
                       std::ostream& out) {
   const Clock::time_point writeStart = Clock::now();
   const FramePlan& plan = frame.plan;
-  const LensSettings& settings = plan.settings;
-  OIIO::ParamValueList header;
-  header.attribute("Software", "veltrisca " + VersionText());
-  if (std::any_of(plan.channelFilters.begin(), plan.channelFilters.end(),
-                  [&](const ChannelFilter& f) { return f.filter != settings.filter; })) {
-    header.attribute("veltrisca:channelFilters",
-                     ChannelFiltersText(plan.layout.names, plan.channelFilters,
-                                        job.channelFilters, false));
-  }
-  if (plan.stretch == 1) {
-    RecordLens(settings, plan.sizes, &header);
-  } else {
-    // A desqueezed result records the lens in its own square pixels: the same lens, so that
-    // an apply of it gives the plate desqueezed.
-    LensSettings square = settings;
-    square.pixelAspect = 1;
-    const auto stretched = [&](ImageSize s) {
-      const PF_LRect r = StretchX(PF_LRect{0, 0, s.width, s.height}, plan.stretch);
-      return ImageSize{r.right, s.height};
-    };
-    RecordLens(square, LensSizes{stretched(plan.sizes.distorted), stretched(plan.sizes.undistorted)},
-               &header);
-    header.attribute("PixelAspectRatio", 1.0f);
-    header.attribute("veltrisca:desqueezed", 1);
-  }
   std::vector<std::string> written = plan.outPlan.notes;
   WriteOutput(frame.temp->path(), frame.files.output, frame.input, plan.layout, plan.outPlan,
-              plan.windows, frame.result, header, job.verbose ? &written : nullptr);
+              plan.windows, frame.result, plan.header, job.verbose ? &written : nullptr);
   frame.temp->Commit();
   pool.Give(std::move(frame.result.bytes));
   frame.times.write = SecondsSince(writeStart);
@@ -446,17 +466,9 @@ StageTimes WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, B
       << ", display " << SizeText(plan.windows.display) << ", "
       << ChannelText(plan.layout.names, plan.layout.alphaIndex) << ", "
       << SampleTypesText(plan.outPlan.type, plan.outPlan.channelTypes, plan.layout.names) << " "
-      << plan.outPlan.format << "; "
-      << ModeName(settings.mode) << ", " << FilterName(settings.filter) << ", sizes "
-      << plan.sizes.distorted.width << "x" << plan.sizes.distorted.height << " distorted, "
-      << plan.sizes.undistorted.width << "x" << plan.sizes.undistorted.height << " undistorted, "
-      << (settings.pixelAspect == 1.0 ? ""
-                                      : "pixel aspect " + Number(settings.pixelAspect) +
-                                            (plan.stretch != 1 ? " (desqueezed), " : ", "))
-      << frame.passes << (frame.passes == 1 ? " pass, " : " passes, ") << time << "\n";
-  out << "  filters: "
-      << ChannelFiltersText(plan.layout.names, plan.channelFilters, job.channelFilters, true)
-      << "\n";
+      << plan.outPlan.format << "; " << plan.lensText << ", " << frame.passes
+      << (frame.passes == 1 ? " pass, " : " passes, ") << time << "\n";
+  out << "  filters: " << plan.filtersText << "\n";
   for (size_t i = plan.outPlan.notes.size(); i < written.size(); ++i) {
     out << "  " << written[i] << "\n";
   }

@@ -78,6 +78,11 @@ struct FramePlan {
   // The capacity of each of the frame's file buffers, input and output alike: one size for
   // both, so that any buffer the pool hands back fits either.
   uint64_t bufferBytes = 0;
+  // What the output's header adds to the input's: the software, the lens it records and the
+  // channels rendered with another filter than the lens's.
+  OIIO::ParamValueList header;
+  // -v only: the lens as rendered ("remove, BiLinear, sizes ...") and each channel's filter.
+  std::string lensText, filtersText;
 };
 
 // What a frame's parameters and sizes decide before any pixel: the effect's lens record and

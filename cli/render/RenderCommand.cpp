@@ -13,7 +13,11 @@
 
 namespace veltrisca {
 
-RenderJob MakeRenderJob(const RenderCommand& command, const std::string& plugin) {
+namespace {
+
+// The job of a render command: its options parsed and checked (CliError(kExitUsage)); the
+// plug-in is loaded once the frames are found.
+RenderJob MakeRenderJob(const RenderCommand& command) {
   RenderJob job;
   job.lens = command.lens;
   job.settings = ParseLensOptions(command.lens);
@@ -42,19 +46,22 @@ RenderJob MakeRenderJob(const RenderCommand& command, const std::string& plugin)
   job.output = OutputChoice{command.dataType, command.compression};
   job.verbose = command.verbose;
   job.quiet = command.quiet;
-  job.module = LoadEffect(ResolvePluginPath(plugin));
   return job;
 }
 
+}  // namespace
+
 int RunRender(const RenderCommand& command, const std::string& plugin, std::ostream& out,
               std::ostream& err) {
-  const FrameSelection selection = SelectFrames(command.input, command.output, command.frames);
+  // The options first (nothing touched yet), then the frames on disk, then the effect.
+  RenderJob job = MakeRenderJob(command);
   const ProgressStyle style =
       command.progress.empty()
           ? (command.quiet ? ProgressStyle::kNone
                            : ParseProgressStyle("auto", isatty(STDERR_FILENO) != 0))
           : ParseProgressStyle(command.progress, isatty(STDERR_FILENO) != 0);
-  RenderJob job = MakeRenderJob(command, plugin);
+  const FrameSelection selection = SelectFrames(command.input, command.output, command.frames);
+  job.module = LoadEffect(ResolvePluginPath(plugin));
   Notes notes(err, command.quiet);
   Progress progress(style, static_cast<int>(selection.frames.size()), !selection.numbered, out,
                     err);

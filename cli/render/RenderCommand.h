@@ -35,10 +35,6 @@ struct RenderCommand {
   std::string progress;     // --progress STYLE; empty: auto, none with -q
 };
 
-// The job of a render command: its options parsed and checked (CliError(kExitUsage)), the
-// plug-in loaded.
-RenderJob MakeRenderJob(const RenderCommand& command, const std::string& plugin);
-
 int RunRender(const RenderCommand& command, const std::string& plugin, std::ostream& out,
               std::ostream& note);
 

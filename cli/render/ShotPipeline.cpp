@@ -199,12 +199,6 @@ Stage<To> Forward(Stage<From>&& from) {
   return to;
 }
 
-// "frame 3", "frames 3-5,9".
-std::string FramesText(const std::vector<int>& frames) {
-  return (frames.size() == 1 ? "frame " : "frames ") + FrameListText(frames);
-}
-
-
 }  // namespace
 
 int RenderSelection(RenderJob& job, const FrameSelection& selection,

@@ -11,11 +11,6 @@
 
 namespace veltrisca {
 
-std::string Lower(std::string s) {
-  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return s;
-}
-
 std::string Quoted(const std::string& text) { return "\"" + text + "\""; }
 
 bool ReadWhole(const std::string& text, long long* value) {

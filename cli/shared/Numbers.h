@@ -28,7 +28,6 @@ bool ReadWhole(const std::string& text, long long* value);
 // number say so).
 bool ReadReal(const std::string& text, double* value);
 
-std::string Lower(std::string s);
 std::string Quoted(const std::string& text);  // "\"text\"" for messages
 // The shortest decimal that reads back as the same double ("0.1", "20000").
 std::string NumberText(double v);
