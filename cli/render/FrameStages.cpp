@@ -189,7 +189,6 @@ FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& no
   FramePlan plan;
   const ImageLens recorded =
       LensForImage(job.lens, ReadRecordedLens(input.spec, files.input), job.fit);
-  for (const std::string& n : recorded.notes) notes(n);
   const FileLens lens = PlanFileLens(ParseLensOptions(recorded.lens), input, job.fit);
   plan.settings = lens.settings;
   plan.frame = lens.frame;
@@ -198,6 +197,7 @@ FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& no
     throw UsageError(files.input + " is rendered in apply (the lens it records goes back on), "
                      "which --desqueeze does not take; give --mode remove to remove again");
   }
+  for (const std::string& n : recorded.notes) notes(n);
   plan.layout = ChooseOutputLayout(input, job.addAlpha);
   plan.outPlan = PlanOutput(files.output, input, plan.layout, job.output);
   plan.channelFilters = ChooseChannelFilters(plan.layout.names, plan.layout.alphaIndex,

@@ -3,6 +3,7 @@
 // the record warn, --lens takes such an image, info prints it, and --skip-existing keeps only
 // whole outputs that record the job's lens.
 #include "../CliTestSupport.h"
+#include "cli/shared/Errors.h"
 
 namespace vt_cli_test {
 namespace {
@@ -60,6 +61,10 @@ TEST_F(Recorded, ApplyWithoutLensOptionsPutsTheRemovedLensBackOntoThePlate) {
   // --lens IMAGE leaves the mode to the command: the plate rendered with it is u again.
   RunOk({"render", plate, dir / "again.exr", "--lens", u});
   EXPECT_EQ(ReadImage(dir / "again.exr").raw, ReadImage(u).raw);
+  // The record turns the render into Apply, which --desqueeze does not take.
+  ExpectRefusal(RunTool({"render", u, dir / "squeezed.exr", "--desqueeze"}), veltrisca::kExitUsage,
+                "--desqueeze does not take; give --mode remove", "--desqueeze on a record");
+  EXPECT_FALSE(fs::exists(dir / "squeezed.exr"));
   // In a shot each frame's record is read; the note is said once.
   fs::copy_file(u, dir / "u.0001.exr");
   fs::copy_file(u, dir / "u.0002.exr");
