@@ -153,16 +153,25 @@ double SecondsSince(Clock::time_point start) {
 
 constexpr long long kLargeOutputPixels = 100000000;
 
+constexpr const char* kChannelFiltersKey = "veltrisca:channelFilters";
+
+// The channel filters an output records: none when every channel takes the lens's filter.
+std::string RecordedFilters(const RenderJob& job, const OutputLayout& layout,
+                            const std::vector<ChannelFilter>& filters, int lensFilter) {
+  if (std::all_of(filters.begin(), filters.end(),
+                  [&](const ChannelFilter& f) { return f.filter == lensFilter; })) {
+    return std::string();
+  }
+  return ChannelFiltersText(layout.names, filters, job.channelFilters, false);
+}
+
 // What the output's header adds to the input's (FramePlan::header).
 OIIO::ParamValueList OutputHeader(const RenderJob& job, const FramePlan& plan) {
   OIIO::ParamValueList header;
   header.attribute("Software", "veltrisca " + VersionText());
-  if (std::any_of(plan.channelFilters.begin(), plan.channelFilters.end(),
-                  [&](const ChannelFilter& f) { return f.filter != plan.settings.filter; })) {
-    header.attribute("veltrisca:channelFilters",
-                     ChannelFiltersText(plan.layout.names, plan.channelFilters,
-                                        job.channelFilters, false));
-  }
+  const std::string filters =
+      RecordedFilters(job, plan.layout, plan.channelFilters, plan.settings.filter);
+  if (!filters.empty()) header.attribute(kChannelFiltersKey, filters);
   if (plan.stretch == 1) {
     RecordLens(plan.settings, plan.sizes, &header);
     return header;
@@ -480,31 +489,45 @@ bool IsFinishedOutput(const RenderJob& job, const FrameFiles& files, Notes& note
   struct stat st {};
   if (lstat(files.output.c_str(), &st) != 0) return false;
   std::optional<RecordedLens> recorded;
+  std::string recordedFilters;
   try {
-    recorded = ReadRecordedLens(CheckWholeImage(files.output), files.output);
+    const OIIO::ImageSpec spec = CheckWholeImage(files.output);
+    recorded = ReadRecordedLens(spec, files.output);
+    recordedFilters = spec.get_string_attribute(kChannelFiltersKey);
   } catch (const CliError& e) {
     notes("note: " + MessageLine(e.what()) + "; rendering it again");
     return false;
   }
   if (!recorded) return true;
-  // The frame's lens: the job's over what its input records (its header only). An input that
-  // cannot say is rendered, which reports why.
+  // The frame's lens and channel filters: the job's over what its input records (its header
+  // only). An input that cannot say is rendered, which reports why.
   LensOptionText lens;
+  std::string filters;
   try {
-    auto in = OIIO::ImageInput::open(files.input);
-    if (!in) {
-      OIIO::geterror();
-      return false;
-    }
-    lens = LensForImage(job.lens, ReadRecordedLens(in->spec(), files.input), job.fit).lens;
+    InputImage input = OpenInputImage(files.input, job.alpha);
+    lens = LensForImage(job.lens, ReadRecordedLens(input.spec, files.input), job.fit).lens;
+    const OutputLayout layout = ChooseOutputLayout(input, job.addAlpha);
+    const int lensFilter = ParseLensOptions(lens).filter;
+    filters = RecordedFilters(
+        job, layout,
+        ChooseChannelFilters(layout.names, layout.alphaIndex, lensFilter, job.channelFilters),
+        lensFilter);
   } catch (const CliError&) {
     return false;
   }
   std::string difference;
-  if (RecordMatches(*recorded, lens, &difference)) return true;
-  notes("note: " + MessageLine(files.output) + " records another lens (" + difference +
-        "); rendering it again");
-  return false;
+  if (!RecordMatches(*recorded, lens, &difference)) {
+    notes("note: " + MessageLine(files.output) + " records another lens (" + difference +
+          "); rendering it again");
+    return false;
+  }
+  if (filters != recordedFilters) {
+    notes("note: " + MessageLine(files.output) + " records other channel filters (" +
+          (recordedFilters.empty() ? "none" : recordedFilters) + ", not " +
+          (filters.empty() ? "none" : filters) + "); rendering it again");
+    return false;
+  }
+  return true;
 }
 
 }  // namespace veltrisca

@@ -183,6 +183,8 @@ TEST_F(Recorded, SkipExistingKeepsOnlyWholeOutputsOfTheJobsLens) {
        [](std::string b) { return UnfinishedExr(b, 2, 9); }, "incomplete OpenEXR file ("},
       {"another lens", "exr", {"--distortion", "-30"}, whole,
        "records another lens (distortion -30.0, not -50)"},
+      {"other channel filters", "exr", {"--channel-filter", "R=nearest"}, whole,
+       "records other channel filters (R Nearest; G,B,A Lanczos-3, not none)"},
       {"cut", "tif", {}, threeQuarters, "truncated file"},
       {"cut", "tga", {}, threeQuarters, "Read error"},
   };
