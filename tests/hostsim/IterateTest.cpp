@@ -17,6 +17,7 @@ struct Visits {
   explicit Visits(PF_InData* i) : in(i) {}
   PF_InData* in;
   std::atomic<int> wrongSource{0};
+  std::atomic<int> withoutSource{0};
   std::mutex m;
   std::set<std::thread::id> threads;  // that ran rows
 };
@@ -27,6 +28,7 @@ PF_Err CountVisit(void* refcon, A_long x, A_long y, PF_Pixel* in, PF_Pixel* out)
   auto* v = static_cast<Visits*>(refcon);
   ++out->blue;
   if (in && (in->alpha != x || in->red != y)) ++v->wrongSource;
+  if (!in) ++v->withoutSource;
   v->in->utils->get_pixel_data8(nullptr, nullptr, nullptr);
   std::lock_guard<std::mutex> lock(v->m);
   v->threads.insert(std::this_thread::get_id());
@@ -54,10 +56,14 @@ struct IterateTest : HostTest {
 
 }  // namespace
 
+// A source smaller than the destination: pixels beyond it are handed over without one.
 TEST_F(IterateTest, VisitsEveryPixelOfTheClippedAreaOnceWhateverTheThreadCount) {
-  World src(Depth::k8, 13, 37), dst(Depth::k8, 13, 37, 5, 6, 12);  // origin, padding: no matter
-  for (int i = 0; i < 13 * 37; ++i) {
-    *src.Pixel8(i % 13, i / 13) = PF_Pixel{A_u_char(i % 13), A_u_char(i / 13), 0, 0};
+  const int srcWidth = 11, srcHeight = 30;
+  World src(Depth::k8, srcWidth, srcHeight);
+  World dst(Depth::k8, 13, 37, 5, 6, 12);  // origin, padding: no matter
+  for (int i = 0; i < srcWidth * srcHeight; ++i) {
+    *src.Pixel8(i % srcWidth, i / srcWidth) =
+        PF_Pixel{A_u_char(i % srcWidth), A_u_char(i / srcWidth), 0, 0};
   }
   // Areas reaching past the buffer, and what of them lies inside.
   const std::pair<PF_Rect, PF_Rect> areas[] = {{{-4, 3, 11, 100}, {0, 3, 11, 37}},
@@ -71,13 +77,16 @@ TEST_F(IterateTest, VisitsEveryPixelOfTheClippedAreaOnceWhateverTheThreadCount) 
     dst.FillBytes(0);
     Visits v(&host.inData());
     EXPECT_EQ(Iterate8(&src, &dst, &a, &v), 0);
+    int beyondSource = 0;
     for (int i = 0; i < 13 * 37; ++i) {
       const int x = i % 13, y = i / 13;
       const bool inside = x >= in.left && x < in.right && y >= in.top && y < in.bottom;
       ASSERT_EQ(dst.Get(x, y, 3), inside ? 1 : 0) << x << "," << y;
+      beyondSource += inside && (x >= srcWidth || y >= srcHeight);
     }
     visits += (in.right - in.left) * (in.bottom - in.top);
     EXPECT_EQ(v.wrongSource.load(), 0);
+    EXPECT_EQ(v.withoutSource.load(), beyondSource);
     std::vector<int> rows;
     for (int y = in.top; y < in.bottom; ++y) rows.push_back(y);
     EXPECT_EQ(host.iteratedRows(), rows);

@@ -129,6 +129,9 @@ TEST(Solve, TheFittedModelIsTheEffectsMapping) {
       RemoveMap(dir, {"--distortion", "-90", "--cubic", "20", "--quartic", "8"});
   namespace vs = veltrisca::solve;
   const vs::SolveFrame frame{kW, kH, 1.0};
+  // A 640x480 frame's corner lies 5/3 half-heights out; 2:1 pixels double its width.
+  EXPECT_DOUBLE_EQ((vs::SolveFrame{640, 480, 1.0}.CornerRadius()), 5.0 / 3.0);
+  EXPECT_DOUBLE_EQ((vs::SolveFrame{240, 480, 2.0}.CornerRadius()), std::sqrt(2.0));
   vs::RadialLens lens = vs::CentredLens(frame);
   lens.k2 = -0.09, lens.k3 = 0.02, lens.k4 = 0.008;
   double worst = 0;
@@ -216,6 +219,7 @@ TEST(Solve, RefusesWhatCannotGiveALensAndWritesNothing) {
   WriteImage(dir / "blank.png", 640, 480, 1, OIIO::TypeDesc::UINT8, OIIO::TypeDesc::UINT8,
              grey.data());
   Write(dir / "one.json", R"({"frame": [480, 270], "lines": [[[1, 1], [5, 2], [9, 3]], [[1, 1]]]})");
+  Write(dir / "gap.csv", "line,x,y\n0,1,1\n0,5,2\n0,9,3\n1,1,9\n1,5, \n1,9,9\n");  // no Y
   Write(dir / "bent.json",
         R"({"frame": [480, 270], "lines": [[[0, 0], [240, 130], [479, 0]], [[0, 269], [240, 140], [479, 269]]]})");
   const std::string out = dir / "lens.json", report = dir / "pictures";
@@ -231,6 +235,7 @@ TEST(Solve, RefusesWhatCannotGiveALensAndWritesNothing) {
       {{"solve", dir / "blank.png", "--board", "9x6"}, 2, "no board of 9x6"},
       {{"solve", dir / "b.png", dir / "small.png", "--board", "9x6"}, 2, "differs"},
       {{"solve", "--lines", dir / "one.json"}, 2, "fewer than two lines"},
+      {{"solve", "--lines", dir / "gap.csv", "--size", "480x270"}, 2, "gap.csv:6: X and Y"},
       {{"solve", "--lines", dir / "bent.json", "--terms", "distortion"}, 2, "cannot be written"},
       {{"solve", dir / "missing.png", "--board", "9x6"}, 2, "missing.png"},
   };
