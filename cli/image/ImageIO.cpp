@@ -687,11 +687,12 @@ void StorePass(const InputImage& /*input*/, const OutputLayout& layout, const Pa
       for (int s = 0; s < 4; ++s) {
         if (slots[s] < 0) continue;
         const int slot = s == 3 ? 0 : 1 + s;
-        for (int x = 0; x < count; ++x) wide[static_cast<size_t>(x)] = row[4 * x + slot];
-        OIIO::convert_type<float, half>(wide.data(), narrow.data(), static_cast<size_t>(count));
+        float* w = wide.data();
+        const half* narrowed = narrow.data();
+        for (int x = 0; x < count; ++x) w[x] = row[4 * x + slot];
+        OIIO::convert_type<float, half>(w, narrow.data(), static_cast<size_t>(count));
         for (int x = 0; x < count; ++x) {
-          to[static_cast<size_t>(x) * n + static_cast<size_t>(slots[s])] =
-              narrow[static_cast<size_t>(x)];
+          to[static_cast<size_t>(x) * n + static_cast<size_t>(slots[s])] = narrowed[x];
         }
       }
       continue;
