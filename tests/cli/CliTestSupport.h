@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "cli/CommandLine.h"
+#include "cli/shared/Errors.h"
 
 namespace vt_cli_test {
 
@@ -138,6 +139,19 @@ inline void ExpectRefusal(const RunResult& r, int exitCode, const std::string& m
   EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << label << ": not one line: " << r.err;
   EXPECT_NE(r.err.find(mentions), std::string::npos) << label << ": " << r.err;
   EXPECT_TRUE(r.out.empty()) << label << ": " << r.out;
+}
+
+// The message of the CliError that call(args...) throws, with its exit code checked.
+template <typename Call, typename... A>
+std::string Refusal(int exitCode, Call call, const A&... args) {
+  try {
+    call(args...);
+  } catch (const veltrisca::CliError& e) {
+    EXPECT_EQ(e.exitCode(), exitCode) << e.what();
+    return e.what();
+  }
+  ADD_FAILURE() << "nothing was refused";
+  return "";
 }
 
 // Everything under a folder: relative path -> what it is (a file by its size and a hash).

@@ -56,6 +56,20 @@ TEST(SizeDefaults, FollowTheLayerOnTheSideTheModeReads) {
   }
 }
 
+// An anamorphic remove hands the effect the undistorted width in square units: at pixel aspect
+// 7, 4681 file pixels are exactly the 32767 the size parameters hold, one more is refused.
+TEST(SizeDefaults, AnamorphicRemoveHandsSquareUnitsUpToTheParametersLimit) {
+  LensSettings s;
+  s.mode = kModeRemove;
+  s.pixelAspect = 7;
+  const LensSizes handed = EffectSizes(s, LensSizes{{1000, 100}, {4681, 100}});
+  EXPECT_EQ(handed.undistorted.width, kMaxImageSide);
+  EXPECT_EQ(handed.distorted.width, 1000);
+  EXPECT_NE(Refusal(kExitIo, [&] { EffectSizes(s, LensSizes{{1000, 100}, {4682, 100}}); })
+                .find("32774 square pixels, more than the 32767"),
+            std::string::npos);
+}
+
 // The half-pixel flags: a margin of odd width cannot be split evenly.
 TEST(DefaultWindows, RemoveDropsTheExtraColumnAndRowAndApplyCentresOnTheLens) {
   const std::tuple<DefaultWindow, const char*, bool, bool> cases[] = {

@@ -8,7 +8,10 @@
 #include <csignal>
 #include <set>
 
+#include <OpenImageIO/imagebufalgo.h>
+
 #include "../CliTestSupport.h"
+#include "cli/image/ImageIO.h"
 
 namespace {
 
@@ -70,6 +73,50 @@ TEST(DamagedFiles, CutOrFlippedPngExrTiffAndDpxAreRefused) {
       ExpectRefusal(RunTool({"render", in, dir / ("out." + ext)}), 2, mentions, label);
       EXPECT_EQ(Take(dir.path()), before) << label;
     }
+  }
+}
+
+// render --skip-existing takes an OpenEXR output as whole from its chunk table: every
+// compression (chunks of 1, 16, 32 or 256 lines; 33 lines make two chunks of 32 lines but
+// one of 256) and tiled files, one level or mipmapped, with sides that are multiples of the
+// tile and sides that are not. Whole, each passes; its last chunk cut short, each is refused.
+TEST(DamagedFiles, EveryOpenExrLayoutIsWholeUntilItsLastChunkIsCut) {
+  ScratchDir dir;
+  const auto px = Gradient(64, 33, 3);
+  std::vector<std::pair<std::string, std::function<void(const std::string&)>>> files;
+  for (const char* compression :
+       {"none", "rle", "zips", "zip", "piz", "pxr24", "b44", "b44a", "dwaa", "dwab"}) {
+    files.emplace_back(compression, [&, compression](const std::string& path) {
+      WriteImage(path, 64, 33, 3, OIIO::TypeDesc::HALF, OIIO::TypeDesc::FLOAT, px.data(),
+                 {{"compression", compression}});
+    });
+  }
+  for (const int tile : {16, 20}) {
+    files.emplace_back("tiles " + std::to_string(tile), [&, tile](const std::string& path) {
+      OIIO::ImageSpec spec(64, 33, 3, OIIO::TypeDesc::HALF);
+      spec.tile_width = spec.tile_height = tile;
+      WriteSpec(path, spec, OIIO::TypeDesc::FLOAT, px.data());
+    });
+    files.emplace_back("mipmap " + std::to_string(tile), [&, tile](const std::string& path) {
+      const OIIO::ImageBuf image(OIIO::ImageSpec(64, 33, 3, OIIO::TypeDesc::FLOAT),
+                                 const_cast<float*>(px.data()));
+      OIIO::ImageSpec config;
+      config.attribute("tile:width", tile);
+      config.attribute("tile:height", tile);
+      ASSERT_TRUE(OIIO::ImageBufAlgo::make_texture(OIIO::ImageBufAlgo::MakeTxTexture, image,
+                                                   path, config))
+          << OIIO::geterror();
+    });
+  }
+  for (const auto& [name, write] : files) {
+    const std::string path = dir / "out.exr";
+    write(path);
+    EXPECT_NO_THROW(veltrisca::CheckWholeImage(path)) << name;
+    const std::string whole = Slurp(path);
+    Write(path, whole.substr(0, whole.size() - 4));
+    EXPECT_NE(Refusal(veltrisca::kExitIo, veltrisca::CheckWholeImage, path).find("OpenEXR file"),
+              std::string::npos)
+        << name;
   }
 }
 

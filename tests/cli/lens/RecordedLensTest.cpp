@@ -3,7 +3,6 @@
 // the record warn, --lens takes such an image, info prints it, and --skip-existing keeps only
 // whole outputs that record the job's lens.
 #include "../CliTestSupport.h"
-#include "cli/shared/Errors.h"
 
 namespace vt_cli_test {
 namespace {

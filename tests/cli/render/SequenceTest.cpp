@@ -12,19 +12,6 @@ namespace {
 
 using namespace vt_cli_test;
 
-// The message of the CliError that call(args...) throws, with its exit code checked.
-template <typename Call, typename... A>
-std::string Refusal(int exitCode, Call call, const A&... args) {
-  try {
-    call(args...);
-  } catch (const CliError& e) {
-    EXPECT_EQ(e.exitCode(), exitCode) << e.what();
-    return e.what();
-  }
-  ADD_FAILURE() << "nothing was refused";
-  return "";
-}
-
 TEST(FramePatterns, EachConventionWritesItsFrameNumbers) {
   struct Case {
     const char* path;

@@ -101,20 +101,24 @@ TEST(Solve, OpenCvSamplesStraightenAndTheLensRendersAndMaps) {
 }
 
 // The effect's lens rendered into photos comes back: the mapping within 0.1 px RMS of the true
-// one. A wrong sign, slider scale or unit (half the height) misses by pixels.
+// one, with the terms the lens has. A wrong sign, slider scale or unit (half the height) misses
+// by pixels.
 TEST(Solve, SyntheticBoardsGiveBackTheLensTheyWereRenderedWith) {
   const struct {
     const char* name;
     Args lens;
-  } cases[] = {{"barrel", {"--distortion", "-50"}},
-               {"pincushion", {"--distortion", "30"}},
-               {"moustache", {"--distortion", "-80", "--quartic", "15"}}};
+    const char* terms;
+  } cases[] = {{"barrel", {"--distortion", "-50"}, "distortion"},
+               {"pincushion", {"--distortion", "30"}, "distortion"},
+               {"moustache", {"--distortion", "-80", "--quartic", "15"}, "distortion, quartic"}};
   for (const auto& c : cases) {
     ScratchDir dir;
     const std::vector<std::string> photos = BoardPhotos(dir, c.lens);
     const RunResult r =
         RunOk(Cat(Cat({"solve"}, photos), {"--board", "7x5", "-o", dir / "solved.json"}));
     EXPECT_NE(r.out.find("photo4.png: 35 corners"), std::string::npos) << c.name << r.out;
+    EXPECT_NE(r.out.find("terms: " + std::string(c.terms) + " (chosen"), std::string::npos)
+        << c.name << r.out;
     const double error =
         RmsDistance(RemoveMap(dir, c.lens), RemoveMap(dir, {"--lens", dir / "solved.json"}));
     EXPECT_LT(error, 0.1) << c.name << ":\n" << r.out;
