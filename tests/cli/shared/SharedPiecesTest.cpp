@@ -110,6 +110,23 @@ TEST(MemoryBudget, BuffersAndTheCheckAtItsBoundary) {
   EXPECT_THROW(veltrisca::CheckMemory(101, 100, "x"), veltrisca::CliError);
 }
 
+// VELTRISCA_MEMORY_LIMIT: digits with an optional K, M, G or T (binary), nothing else; a limit
+// below the machine's is the budget.
+TEST(MemoryBudget, TheUsersLimitIsAByteCount) {
+  const std::pair<const char*, uint64_t> taken[] = {
+      {"4096", 4096}, {"8k", 8192}, {"3M", 3u << 20}, {"1G", 1u << 30}};
+  for (const auto& [text, bytes] : taken) {
+    setenv("VELTRISCA_MEMORY_LIMIT", text, 1);
+    EXPECT_EQ(veltrisca::AvailableMemoryBytes(), bytes) << text;
+  }
+  for (const char* text : {"K", "x1", "12KB", "1.5G", "-1", "20000000000000000000", "16777216T"}) {
+    setenv("VELTRISCA_MEMORY_LIMIT", text, 1);
+    EXPECT_NE(Refusal(veltrisca::kExitUsage, veltrisca::AvailableMemoryBytes).find(text),
+              std::string::npos);
+  }
+  unsetenv("VELTRISCA_MEMORY_LIMIT");
+}
+
 // A copy of the built plug-in with its build stamp changed, beside its description.
 std::string PluginCopy(const ScratchDir& dir, const std::string& name,
                        const std::function<void(std::string*)>& edit) {
