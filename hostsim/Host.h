@@ -82,6 +82,9 @@ enum class HostCall {
 
 // The error the basic suite returns for a suite it does not offer ('S!Fd').
 constexpr SPErr kSPSuiteNotFoundError = 0x53214664;
+// The error the basic suite returns for a malformed call: no name, or nowhere to put the
+// suite ('Parm').
+constexpr SPErr kSPBadParameterError = 0x5061726D;
 // Every new handle's block is filled with this byte, so that reads of bytes an effect never
 // wrote show up as a recognisable pattern rather than as zeros.
 constexpr uint8_t kNewHandleFill = 0xA5;

@@ -8,8 +8,6 @@
 
 namespace hostsim {
 
-// The basic suite's error for a malformed call ('Parm').
-constexpr SPErr kSPBadParameterError = 0x5061726D;
 // The largest block host_new_handle hands out; larger requests fail like an exhausted heap.
 constexpr uint64_t kMaxHandleBytes = uint64_t{1} << 32;
 

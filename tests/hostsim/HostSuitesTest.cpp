@@ -14,6 +14,12 @@ TEST_F(HostTest, BasicSuiteOffersEachSuiteOnlyUnderItsNameAndVersion) {
               hostsim::kSPSuiteNotFoundError);
     EXPECT_EQ(suite, nullptr);
     EXPECT_EQ(Acquire<void>(in, "PF Iterate16 Suite"), nullptr);  // registered as "iterate16"
+    // No name, or nowhere to put the suite: a bad parameter, not an unknown suite.
+    suite = reinterpret_cast<const void*>(1);
+    EXPECT_EQ(in->pica_basicP->AcquireSuite(nullptr, 1, &suite), hostsim::kSPBadParameterError);
+    EXPECT_EQ(suite, nullptr);
+    EXPECT_EQ(in->pica_basicP->AcquireSuite("PF World Suite", 2, nullptr),
+              hostsim::kSPBadParameterError);
     for (const char* name :
          {"PF World Suite", "PF ANSI Suite", "PF Pixel Data Suite", "PF Sampling8 Suite",
           "PF Sampling16 Suite", "PF SamplingFloat Suite", "PF Iterate8 Suite",
