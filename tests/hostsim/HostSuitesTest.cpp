@@ -125,8 +125,11 @@ TEST_F(HostTest, PixelAndSamplingCallbacksAnswerOnlyForTheWorldsDepthAndTheEffec
     EXPECT_EQ(in->utils->get_pixel_data8(pb.src, nullptr, &p8), PF_Err_BAD_CALLBACK_PARAM);
     EXPECT_EQ(p8, nullptr);
     PF_PixelFormat f = PF_PixelFormat_INVALID;
-    EXPECT_EQ(Acquire<PF_WorldSuite2>(in, "PF World Suite", 2)->PF_GetPixelFormat(pb.src, &f), 0);
+    auto* world = Acquire<PF_WorldSuite2>(in, "PF World Suite", 2);
+    EXPECT_EQ(world->PF_GetPixelFormat(pb.src, &f), 0);
     EXPECT_EQ(f, PF_PixelFormat_ARGB64);
+    EXPECT_EQ(world->PF_GetPixelFormat(nullptr, &f), PF_Err_BAD_CALLBACK_PARAM);
+    EXPECT_EQ(world->PF_GetPixelFormat(pb.src, nullptr), PF_Err_BAD_CALLBACK_PARAM);
     auto* s16 = Acquire<PF_Sampling16Suite1>(in, "PF Sampling16 Suite");
     PF_Pixel16 out{};
     EXPECT_EQ(s16->subpixel_sample16(in->effect_ref, 0x18000, 0x10000, &pb, &out), 0);
