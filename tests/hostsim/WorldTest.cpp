@@ -97,4 +97,13 @@ TEST(World, CopyRegionAndLendTakeLayerPixelsWhereTheyOverlap) {
   }
   EXPECT_EQ(CopyRegion(layer, PF_LRect{3, 3, 3, 9})->width(), 0);
   EXPECT_EQ(CopyRegion(layer, PF_LRect{100, 100, 102, 101})->Get(1, 0, 0), 0.0f);
+  // Filling a lent world fills every row of its own pixels and nothing else of the layer.
+  std::vector<uint8_t> expected = layer.PackedBytes();
+  for (int y = inside.top; y < inside.bottom; ++y) {
+    for (int x = inside.left; x < inside.right; ++x) {
+      std::fill_n(expected.begin() + ((y - 1) * 4 + (x - 2)) * 8, 8, uint8_t{0xAB});
+    }
+  }
+  lent->FillBytes(0xAB);
+  EXPECT_EQ(layer.PackedBytes(), expected);
 }
