@@ -29,7 +29,7 @@ TEST(Info, ReportsThePreRenderInTextAndJson) {
   EXPECT_FALSE(j.contains("inverseTable"));
   const auto text = RunOk({"info", "--distortion", "-50"});
   EXPECT_NE(text.out.find("Veltrisca Distortion 1.2"), std::string::npos) << text.out;
-  EXPECT_NE(text.out.find("(149, 23, 1772, 1057)"), std::string::npos) << text.out;
+  EXPECT_NE(text.out.find("(149, 23, 1772, 1057)  1623 x 1034"), std::string::npos) << text.out;
   EXPECT_NE(text.out.find("(0, 0, 1921, 1081)"), std::string::npos) << text.out;
 }
 
