@@ -24,7 +24,7 @@ TEST(FramePatterns, EachConventionWritesItsFrameNumbers) {
       {"plate.@.exr", 1234, "plate.1234.exr"},  {"plate.%04d.exr", 5, "plate.0005.exr"},
       {"plate.%d.exr", 5, "plate.5.exr"},       {"shot#1/p.#.exr", 3, "shot#1/p.0003.exr"},
       {"50%.#.exr", 12, "50%.0012.exr"},        {"shot10#.exr", 1, "shot100001.exr"},
-      {"p.1001-1003#.exr", 1002, "p.1002.exr"},
+      {"p.1001-1003#.exr", 1002, "p.1002.exr"}, {"@@@@@.exr", 42, "00042.exr"},
   };
   for (const Case& c : cases) {
     const auto pattern = ParseFramePattern("IN", c.path, true);
