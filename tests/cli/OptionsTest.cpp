@@ -156,6 +156,8 @@ TEST(CommandLine, RefusalsSayWhyOnOneLineAndTouchNoFile) {
       {"rendr IN", kExitUsage, "unknown command 'rendr'"},
       {"info --no-such-option", kExitUsage, "unknown option '--no-such-option' (see"},
       {"render IN OUT --distorsion -50", kExitUsage, "'--distorsion'; did you mean '--distortion'?"},
+      // Two edits in ten letters: as far as a suggestion reaches.
+      {"render IN OUT --distrtin -50", kExitUsage, "'--distrtin'; did you mean '--distortion'?"},
       {"render IN OUT --undist 8x6", kExitUsage, "did you mean '--undistorted-size'?"},
       {"render IN OUT --dis -5", kExitUsage, "unknown option '--dis' (see veltrisca render"},
       {"stmap OUT -qx", kExitUsage, "unknown option '-x' in '-qx'"},
