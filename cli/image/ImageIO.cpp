@@ -497,12 +497,26 @@ OIIO::TypeDesc SampleTypeOf(const PixelBuffer& px) {
   return px.half ? OIIO::TypeDesc(OIIO::TypeDesc::HALF) : BufferTypeOf(px.depth);
 }
 
-bool StoredAsHalf(const InputImage& image) {
-  const OIIO::ImageSpec& s = image.spec;
-  return image.depth == Depth::kFloat && s.format == OIIO::TypeDesc::HALF &&
-         std::all_of(s.channelformats.begin(), s.channelformats.end(),
-                     [](OIIO::TypeDesc t) { return t == OIIO::TypeDesc::HALF; });
+bool AllChannelsAre(OIIO::TypeDesc format, const std::vector<OIIO::TypeDesc>& channelFormats,
+                    OIIO::TypeDesc type) {
+  return format == type && std::all_of(channelFormats.begin(), channelFormats.end(),
+                                        [&](OIIO::TypeDesc t) { return t == type; });
 }
+
+bool StoredAsHalf(const InputImage& image) {
+  return image.depth == Depth::kFloat &&
+         AllChannelsAre(image.spec.format, image.spec.channelformats, OIIO::TypeDesc::HALF);
+}
+
+namespace {
+
+// Bytes of the buffer's samples, interleaved and packed.
+size_t SampleBytes(const PixelBuffer& px) {
+  return static_cast<size_t>(px.width) * static_cast<size_t>(px.height) *
+         static_cast<size_t>(px.channels) * SampleTypeOf(px).size();
+}
+
+}  // namespace
 
 PixelBuffer ReadPixels(InputImage& image, std::vector<uint8_t> storage, bool keepHalf) {
   PixelBuffer px;
@@ -512,8 +526,7 @@ PixelBuffer ReadPixels(InputImage& image, std::vector<uint8_t> storage, bool kee
   px.channels = image.channels;
   px.depth = image.depth;
   px.half = keepHalf && StoredAsHalf(image);
-  px.bytes.resize(static_cast<size_t>(px.width) * static_cast<size_t>(px.height) *
-                  static_cast<size_t>(px.channels) * SampleTypeOf(px).size());
+  px.bytes.resize(SampleBytes(px));
   // OpenImageIO 2.4's TIFF reader can record a failed strip (a cut-off or damaged file) and
   // still report success with the strip left 0, and its JPEG reader reports a cut-off file
   // only that way: an error recorded while reading is a failed read. (Whatever opening left
@@ -522,10 +535,8 @@ PixelBuffer ReadPixels(InputImage& image, std::vector<uint8_t> storage, bool kee
   // A scanline OpenEXR file's samples, where the buffer holds them as stored, straight into the
   // buffer (read_image would decode them into a fresh buffer of its own and copy them over).
   const OIIO::ImageSpec& s = image.spec;
-  const bool native =
-      image.format == "openexr" && s.tile_width == 0 && SampleTypeOf(px) == s.format &&
-      std::all_of(s.channelformats.begin(), s.channelformats.end(),
-                  [&](OIIO::TypeDesc t) { return t == s.format; });
+  const bool native = image.format == "openexr" && s.tile_width == 0 &&
+                      AllChannelsAre(s.format, s.channelformats, SampleTypeOf(px));
   const bool read =
       native ? image.reader->read_native_scanlines(0, 0, s.y, s.y + s.height, s.z, 0, px.channels,
                                                    px.bytes.data())
@@ -647,9 +658,7 @@ PixelBuffer NewOutputBuffer(const InputImage& input, const OutputLayout& layout,
   out.channels = layout.channels;
   out.depth = input.depth;
   out.half = half && input.depth == Depth::kFloat;
-  out.bytes.assign(static_cast<size_t>(out.width) * static_cast<size_t>(out.height) *
-                       static_cast<size_t>(out.channels) * SampleTypeOf(out).size(),
-                   0);
+  out.bytes.assign(SampleBytes(out), 0);
   return out;
 }
 
@@ -666,7 +675,8 @@ void StorePass(const InputImage& /*input*/, const OutputLayout& layout, const Pa
       window.bottom, static_cast<long long>(rendered->originY()) + rendered->height());
   const int n = out->channels;
   const size_t rowSamples = static_cast<size_t>(out->width) * n;
-  std::pair<std::vector<float>, std::vector<half>> scratch;
+  std::vector<float> wide;  // one channel of a row, then as half
+  std::vector<half> narrow;
   for (long long y = y0; y < y1 && x0 < x1; ++y) {
     const int wy = static_cast<int>(y - rendered->originY());
     const int wx = static_cast<int>(x0 - rendered->originX());
@@ -679,20 +689,18 @@ void StorePass(const InputImage& /*input*/, const OutputLayout& layout, const Pa
       const float* row =
           reinterpret_cast<const float*>(rendered->Row(wy)) + 4 * static_cast<size_t>(wx);
       half* to = reinterpret_cast<half*>(out->bytes.data()) + at;
-      std::vector<float>& wide = scratch.first;
-      std::vector<half>& narrow = scratch.second;
       wide.resize(static_cast<size_t>(count));
       narrow.resize(static_cast<size_t>(count));
+      float* w = wide.data();
+      half* h = narrow.data();
       const int slots[4] = {p.colour[0], p.colour[1], p.colour[2], alphaOut};
       for (int s = 0; s < 4; ++s) {
         if (slots[s] < 0) continue;
         const int slot = s == 3 ? 0 : 1 + s;
-        float* w = wide.data();
-        const half* narrowed = narrow.data();
         for (int x = 0; x < count; ++x) w[x] = row[4 * x + slot];
-        OIIO::convert_type<float, half>(w, narrow.data(), static_cast<size_t>(count));
+        OIIO::convert_type<float, half>(w, h, static_cast<size_t>(count));
         for (int x = 0; x < count; ++x) {
-          to[static_cast<size_t>(x) * n + static_cast<size_t>(slots[s])] = narrowed[x];
+          to[static_cast<size_t>(x) * n + static_cast<size_t>(slots[s])] = h[x];
         }
       }
       continue;

@@ -79,6 +79,10 @@ struct PixelBuffer {
 };
 // The sample type of the buffer's bytes.
 OIIO::TypeDesc SampleTypeOf(const PixelBuffer& px);
+// True when a file's samples (its format and per-channel formats, as ImageSpec and OutputPlan
+// hold them; none listed: all of the format) are all of `type`.
+bool AllChannelsAre(OIIO::TypeDesc format, const std::vector<OIIO::TypeDesc>& channelFormats,
+                    OIIO::TypeDesc type);
 // True when every channel of the image is stored as half: ReadPixels(image, ..., true) keeps
 // them so.
 bool StoredAsHalf(const InputImage& image);

@@ -399,10 +399,8 @@ RenderedFrame FrameRenderer::Render(ReadFrame frame, Notes& notes, BufferPool& p
   Clock::time_point mark = Clock::now();
   // Written as half: kept as half from the render on, so that the writer converts nothing.
   const OutputPlan& o = plan.outPlan;
-  const bool halfOut =
-      plan.stretch == 1 && o.format == "openexr" && o.type == OIIO::TypeDesc::HALF &&
-      std::all_of(o.channelTypes.begin(), o.channelTypes.end(),
-                  [](OIIO::TypeDesc t) { return t == OIIO::TypeDesc::HALF; });
+  const bool halfOut = plan.stretch == 1 && o.format == "openexr" &&
+                       AllChannelsAre(o.type, o.channelTypes, OIIO::TypeDesc::HALF);
   out.result = NewOutputBuffer(frame.input, plan.layout, plan.window, pool.Take(plan.bufferBytes),
                                halfOut);
   out.passes = static_cast<int>(plan.passes.size());
