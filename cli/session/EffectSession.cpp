@@ -142,8 +142,10 @@ EffectSession::EffectSession(const hostsim::PluginModule& module,
     : host_(module) {
   host_.params = params;
   host_.threads = threads;
-  // As a real host does: the effect reads the layer's own pixels rather than a copy, and
-  // the output world (new, so already zero) is not cleared a second time.
+  // As a real host does: the effect reads the layer's own pixels rather than a copy, and the
+  // output world is not cleared first: a new one already holds zeros, and a reused one is
+  // overwritten whole by a render that succeeds (each row whole, or the whole world cleared
+  // when no input pixel reaches it); one that fails is not used.
   host_.lendInputLayer = true;
   host_.clearOutput = false;
   Check("about", Guarded("about", [&] { return host_.About(); }));
@@ -185,11 +187,7 @@ PreRenderReadBack EffectSession::PreRender(const PF_LRect& request) {
 
 std::unique_ptr<hostsim::World> EffectSession::Render(std::unique_ptr<hostsim::World> reuse) {
   std::unique_ptr<hostsim::World> output = std::move(reuse);
-  // A new world already holds zeros; a reused one holds the last frame, which is not cleared
-  // first: a render that succeeds writes every pixel of its output (each row whole, or the
-  // whole world cleared when no input pixel reaches it), and one that fails is not used.
   host_.reuseOutput = output != nullptr;
-  host_.clearOutput = false;
   try {
     // All of them before the first render, so that a limit on threads is the command's error
     // rather than the effect's.
