@@ -11,6 +11,7 @@
 #include <map>
 #include <sstream>
 
+#include <OpenImageIO/strutil.h>
 #include <nlohmann/json.hpp>
 
 #include "cli/shared/Errors.h"
@@ -196,9 +197,7 @@ std::string RecordedText(const OIIO::ParamValue& p, Kind kind, int index) {
       for (int c = 1; c <= param.choiceCount; ++c) {
         if (text == ChoiceName(index, c)) return ChoiceWord(index, c);
       }
-      std::string lower = text;
-      for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-      return lower;
+      return OIIO::Strutil::lower(text);
     }
     case Kind::kNumber:
       if (t.basevalues() != 1 || (t.basetype != OIIO::TypeDesc::FLOAT &&
@@ -487,15 +486,11 @@ ImageLens LensForImage(const LensOptionText& given, const std::optional<Recorded
   return out;
 }
 
-bool RecordMatches(const RecordedLens& recorded, const LensOptionText& lens,
-                   std::string* difference) {
+bool SameRecord(const RecordedLens& recorded, const RecordedLens& wanted, std::string* difference) {
   for (const Key& k : Keys()) {
-    // The pixel aspect and the sizes default to the input's frame.
-    const bool followsFrame = Param(k.index).defaultFromImage;
-    if (followsFrame && !Contains(lens.given, k.name)) continue;
-    const std::string value = recorded.Value(k.name);
-    if (!SameValue(k, lens[k.index], value)) {
-      *difference = std::string(k.option + 2) + " " + value + ", not " + lens[k.index];
+    const std::string value = recorded.Value(k.name), want = wanted.Value(k.name);
+    if (!SameValue(k, value, want)) {
+      *difference = std::string(k.option + 2) + " " + value + ", not " + want;
       return false;
     }
   }

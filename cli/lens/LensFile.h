@@ -73,12 +73,10 @@ struct ImageLens {
 ImageLens LensForImage(const LensOptionText& given, const std::optional<RecordedLens>& recorded,
                        bool fit);
 
-// True when an output's recorded lens is the lens `lens` renders with: mode, filter,
-// coefficients and zoom, and the pixel aspect and sizes where `lens` gives them (lens.given;
-// where not, they follow the input's frame). Numbers are compared at the precision a record
-// may hold (single precision). Else *difference names the first key that differs.
-bool RecordMatches(const RecordedLens& recorded, const LensOptionText& lens,
-                   std::string* difference);
+// True when two records hold the same lens: every key, numbers compared at the precision a
+// record may hold (single precision). Else *difference names the first key that differs, with
+// `recorded`'s value first ("distortion -30.0, not -50.0").
+bool SameRecord(const RecordedLens& recorded, const RecordedLens& wanted, std::string* difference);
 
 }  // namespace veltrisca
 

@@ -191,9 +191,46 @@ OIIO::ParamValueList OutputHeader(const RenderJob& job, const FramePlan& plan) {
   return header;
 }
 
-// The frame's lens settings, sizes, windows and output file, from its header; warns about what
-// the output will lack.
-FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& notes,
+// An output already on disk (render --skip-existing): a whole image, and the lens and channel
+// filters its header records.
+struct ExistingOutput {
+  std::optional<RecordedLens> lens;
+  std::string filters;
+};
+
+// The output at `path` when it is a whole image; nullopt when there is none, or when it is cut
+// off or its record is damaged (noted: it is rendered again).
+std::optional<ExistingOutput> ReadExistingOutput(const std::string& path, Notes& notes) {
+  struct stat st {};
+  if (lstat(path.c_str(), &st) != 0) return std::nullopt;
+  try {
+    const OIIO::ImageSpec spec = CheckWholeImage(path);
+    return ExistingOutput{ReadRecordedLens(spec, path), spec.get_string_attribute(kChannelFiltersKey)};
+  } catch (const CliError& e) {
+    notes("note: " + MessageLine(e.what()) + "; rendering it again");
+    return std::nullopt;
+  }
+}
+
+// What an existing output records that differs from the header `plan` writes ("another lens
+// (distortion -30.0, not -50.0)"), or "" when it records the same lens and channel filters.
+std::string ExistingDifference(const ExistingOutput& existing, const FramePlan& plan,
+                               const std::string& path) {
+  OIIO::ImageSpec written;
+  written.extra_attribs = plan.header;
+  std::string difference;
+  if (!SameRecord(*existing.lens, *ReadRecordedLens(written, path), &difference)) {
+    return "another lens (" + difference + ")";
+  }
+  const std::string filters = written.get_string_attribute(kChannelFiltersKey);
+  if (filters == existing.filters) return std::string();
+  return "other channel filters (" + (existing.filters.empty() ? "none" : existing.filters) +
+         ", not " + (filters.empty() ? "none" : filters) + ")";
+}
+
+// The frame's lens settings, sizes, windows and output file, from its header, with the notes
+// and warnings about what the output will lack (FramePlan::notes).
+FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner,
                     const InputImage& input, const FrameFiles& files) {
   FramePlan plan;
   const ImageLens recorded =
@@ -206,7 +243,7 @@ FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& no
     throw UsageError(files.input + " is rendered in apply (the lens it records goes back on), "
                      "which --desqueeze does not take; give --mode remove to remove again");
   }
-  for (const std::string& n : recorded.notes) notes(n);
+  plan.notes = recorded.notes;
   plan.layout = ChooseOutputLayout(input, job.addAlpha);
   plan.outPlan = PlanOutput(files.output, input, plan.layout, job.output);
   plan.channelFilters = ChooseChannelFilters(plan.layout.names, plan.layout.alphaIndex,
@@ -217,7 +254,7 @@ FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& no
   for (size_t r = 0; r < job.channelFilters.size(); ++r) {
     if (std::none_of(plan.channelFilters.begin(), plan.channelFilters.end(),
                      [&](const ChannelFilter& f) { return f.rule == static_cast<int>(r); })) {
-      notes("warning: --channel-filter " + job.channelFilters[r].text +
+      plan.notes.push_back("warning: --channel-filter " + job.channelFilters[r].text +
             " sets no channel (no channel name matches, or a later pattern takes them all)");
     }
   }
@@ -234,7 +271,7 @@ FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& no
   if (job.window) {
     plan.window = *job.window;
   } else if (outFrame.halfPixelX || outFrame.halfPixelY) {
-    notes(HalfPixelNote(outFrame, plan.sizes));
+    plan.notes.push_back(HalfPixelNote(outFrame, plan.sizes));
   }
   const long long windowPixels = CheckedPixels(plan.window, input.depth, "the output window");
   plan.windows =
@@ -268,19 +305,15 @@ FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner, Notes& no
       FileBufferBytes(windowPixels + (plan.stretch != 1 ? writtenPixels : 0), plan.layout.channels,
                       input.depth);
   plan.bufferBytes = std::max(inputBuffer, outputBuffer);
-  const uint64_t need = (job.pipelined ? 2 : 1) * 2 * plan.bufferBytes +
-                        2 * WorldBytes(layerPixels, input.depth) +
-                        WorldBytes(windowPixels, input.depth);
-  CheckMemory(need, "rendering " + files.input + " into a " +
-                  std::to_string(plan.window.right - plan.window.left) + " x " +
-                  std::to_string(plan.window.bottom - plan.window.top) + " window");
+  plan.peakBytes = (job.pipelined ? 2 : 1) * 2 * plan.bufferBytes +
+                   2 * WorldBytes(layerPixels, input.depth) + WorldBytes(windowPixels, input.depth);
   if (windowPixels > kLargeOutputPixels) {
-    notes("warning: the output is " + std::to_string(windowPixels / 1000000) + " megapixels (" +
+    plan.notes.push_back("warning: the output is " + std::to_string(windowPixels / 1000000) + " megapixels (" +
           SizeText(plan.window) + ")");
   }
   if (planned.lost > 0.0) {
     const double undoable = UndoableRadius(plan.settings, planned.back.lens);
-    notes("warning: " + Percent(planned.lost) + " of the distorted frame lies beyond the " +
+    plan.notes.push_back("warning: " + Percent(planned.lost) + " of the distorted frame lies beyond the " +
           "radius the lens can invert (" + std::to_string(undoable) +
           (plan.settings.mode == kModeApply
                ? "); there the output repeats the edge of what it inverts"
@@ -366,12 +399,30 @@ void BufferPool::Give(std::vector<uint8_t> buffer) {
 }
 
 ReadFrame ReadFrameFiles(const RenderJob& job, OutputFramePlanner& planner, Notes& notes,
-                         BufferPool& pool, const FrameFiles& files) {
+                         BufferPool& pool, const FrameFiles& files, bool skipExisting) {
   ReadFrame frame;
   frame.files = files;
   frame.started = Clock::now();
+  std::optional<ExistingOutput> existing;
+  if (skipExisting) {
+    existing = ReadExistingOutput(files.output, notes);
+    frame.skipped = existing && !existing->lens;  // no lens recorded: nothing to compare
+    if (frame.skipped) return frame;
+  }
   frame.input = OpenInputImage(files.input, job.alpha);
-  frame.plan = PlanFrame(job, planner, notes, frame.input, files);
+  frame.plan = PlanFrame(job, planner, frame.input, files);
+  if (existing) {
+    const std::string difference = ExistingDifference(*existing, frame.plan, files.output);
+    frame.skipped = difference.empty();
+    if (frame.skipped) return frame;
+    notes("note: " + MessageLine(files.output) + " records " + difference +
+          "; rendering it again");
+  }
+  for (const std::string& n : frame.plan.notes) notes(n);
+  CheckMemory(frame.plan.peakBytes,
+              "rendering " + files.input + " into a " +
+                  std::to_string(frame.plan.window.right - frame.plan.window.left) + " x " +
+                  std::to_string(frame.plan.window.bottom - frame.plan.window.top) + " window");
   frame.temp = std::make_unique<TempOutputFile>(files.output);
   frame.pixels = ReadPixels(frame.input, pool.Take(frame.plan.bufferBytes), true);
   if (const std::string clipped = ClippedChannels(frame.input, frame.plan, frame.pixels);
@@ -481,51 +532,6 @@ StageTimes WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, B
   }
   out << "  times: " << StageTimesText(frame.times) << "\n";
   return frame.times;
-}
-
-bool IsFinishedOutput(const RenderJob& job, const FrameFiles& files, Notes& notes) {
-  struct stat st {};
-  if (lstat(files.output.c_str(), &st) != 0) return false;
-  std::optional<RecordedLens> recorded;
-  std::string recordedFilters;
-  try {
-    const OIIO::ImageSpec spec = CheckWholeImage(files.output);
-    recorded = ReadRecordedLens(spec, files.output);
-    recordedFilters = spec.get_string_attribute(kChannelFiltersKey);
-  } catch (const CliError& e) {
-    notes("note: " + MessageLine(e.what()) + "; rendering it again");
-    return false;
-  }
-  if (!recorded) return true;
-  // The frame's lens and channel filters: the job's over what its input records (its header
-  // only). An input that cannot say is rendered, which reports why.
-  LensOptionText lens;
-  std::string filters;
-  try {
-    InputImage input = OpenInputImage(files.input, job.alpha);
-    lens = LensForImage(job.lens, ReadRecordedLens(input.spec, files.input), job.fit).lens;
-    const OutputLayout layout = ChooseOutputLayout(input, job.addAlpha);
-    const int lensFilter = ParseLensOptions(lens).filter;
-    filters = RecordedFilters(
-        job, layout,
-        ChooseChannelFilters(layout.names, layout.alphaIndex, lensFilter, job.channelFilters),
-        lensFilter);
-  } catch (const CliError&) {
-    return false;
-  }
-  std::string difference;
-  if (!RecordMatches(*recorded, lens, &difference)) {
-    notes("note: " + MessageLine(files.output) + " records another lens (" + difference +
-          "); rendering it again");
-    return false;
-  }
-  if (filters != recordedFilters) {
-    notes("note: " + MessageLine(files.output) + " records other channel filters (" +
-          (recordedFilters.empty() ? "none" : recordedFilters) + ", not " +
-          (filters.empty() ? "none" : filters) + "); rendering it again");
-    return false;
-  }
-  return true;
 }
 
 }  // namespace veltrisca

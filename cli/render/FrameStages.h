@@ -78,6 +78,10 @@ struct FramePlan {
   // The capacity of each of the frame's file buffers, input and output alike: one size for
   // both, so that any buffer the pool hands back fits either.
   uint64_t bufferBytes = 0;
+  uint64_t peakBytes = 0;  // memory the frame needs at worst, buffers and worlds
+  // What the render of this frame notes and warns about ("note: ...", "warning: ..."), said
+  // once the frame is read: a frame skipped by --skip-existing says nothing.
+  std::vector<std::string> notes;
   // What the output's header adds to the input's: the software, the lens it records and the
   // channels rendered with another filter than the lens's.
   OIIO::ParamValueList header;
@@ -141,6 +145,7 @@ std::string StageTimesText(const StageTimes& t);
 
 struct ReadFrame {
   FrameFiles files;
+  bool skipped = false;  // its output is already on disk (--skip-existing): nothing else read
   Clock::time_point started;
   StageTimes times;
   InputImage input;  // the header (its reader closed once the pixels are read)
@@ -150,9 +155,11 @@ struct ReadFrame {
 };
 
 // Opens the input, plans the frame, checks memory and the output's folder, then reads the
-// pixels. Throws CliError.
+// pixels. Throws CliError. With `skipExisting` (render --skip-existing), a frame whose output
+// is already a whole image is skipped where that image records no lens, or the lens and
+// channel filters the plan's header holds; an output that is not is noted as rendered again.
 ReadFrame ReadFrameFiles(const RenderJob& job, OutputFramePlanner& planner, Notes& notes,
-                         BufferPool& pool, const FrameFiles& files);
+                         BufferPool& pool, const FrameFiles& files, bool skipExisting);
 
 struct RenderedFrame {
   FrameFiles files;
@@ -188,11 +195,6 @@ class FrameRenderer {
 // to `out`. The output buffer goes back to `pool`. Returns the frame's stage times.
 StageTimes WriteFrame(const RenderJob& job, RenderedFrame frame, Notes& notes, BufferPool& pool,
                 std::ostream& out);
-
-// render --skip-existing: true when the frame's output is a whole image (CheckWholeImage) and,
-// where it records a lens, the lens the job renders this frame with (RecordMatches). An
-// existing output that is not is noted as rendered again.
-bool IsFinishedOutput(const RenderJob& job, const FrameFiles& files, Notes& notes);
 
 }  // namespace veltrisca
 

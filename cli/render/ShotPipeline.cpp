@@ -234,13 +234,14 @@ int RenderSelection(RenderJob& job, const FrameSelection& selection,
         stage.files = entry.files;
         stage.error = std::make_exception_ptr(
             IoError(entry.files.input + " is missing from the sequence"));
-      } else if (options.skipExisting && IsFinishedOutput(job, entry.files, notes)) {
-        stage.files = entry.files;
-        stage.skipped = true;
       } else {
         stage = Attempt<ReadFrame>(entry.files, [&] {
-          return ReadFrameFiles(job, planner, notes, pool, entry.files);
+          return ReadFrameFiles(job, planner, notes, pool, entry.files, options.skipExisting);
         });
+        if (stage.value && stage.value->skipped) {
+          stage.value.reset();
+          stage.skipped = true;
+        }
       }
       const bool failed = stage.error != nullptr;
       if (!toRender.Put(std::move(stage)) || (failed && stopAtFailure)) break;

@@ -181,7 +181,7 @@ TEST_F(Recorded, SkipExistingKeepsOnlyWholeOutputsOfTheJobsLens) {
       {"never finished", "exr", {"--compression", "zip"},  // 136 rows in 16-row chunks
        [](std::string b) { return UnfinishedExr(b, 2, 9); }, "incomplete OpenEXR file ("},
       {"another lens", "exr", {"--distortion", "-30"}, whole,
-       "records another lens (distortion -30.0, not -50)"},
+       "records another lens (distortion -30.0, not -50.0)"},
       {"other channel filters", "exr", {"--channel-filter", "R=nearest"}, whole,
        "records other channel filters (R Nearest; G,B,A Lanczos-3, not none)"},
       {"cut", "tif", {}, threeQuarters, "truncated file"},
