@@ -404,7 +404,8 @@ void RecordLens(const LensSettings& settings, const LensSizes& sizes,
   for (const Key& k : Keys()) {
     switch (k.kind) {
       case Kind::kText:
-        header->attribute(name(k.name), std::string(ChoiceName(k.index, SettingChoice(settings, k.index))));
+        header->attribute(name(k.name),
+                          std::string(ChoiceName(k.index, SettingChoice(settings, k.index))));
         break;
       case Kind::kNumber: number(k.name, SettingNumber(settings, k.index)); break;
       case Kind::kSize:

@@ -205,7 +205,8 @@ std::optional<ExistingOutput> ReadExistingOutput(const std::string& path, Notes&
   if (lstat(path.c_str(), &st) != 0) return std::nullopt;
   try {
     const OIIO::ImageSpec spec = CheckWholeImage(path);
-    return ExistingOutput{ReadRecordedLens(spec, path), spec.get_string_attribute(kChannelFiltersKey)};
+    return ExistingOutput{ReadRecordedLens(spec, path),
+                          spec.get_string_attribute(kChannelFiltersKey)};
   } catch (const CliError& e) {
     notes("note: " + MessageLine(e.what()) + "; rendering it again");
     return std::nullopt;
@@ -255,7 +256,8 @@ FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner,
     if (std::none_of(plan.channelFilters.begin(), plan.channelFilters.end(),
                      [&](const ChannelFilter& f) { return f.rule == static_cast<int>(r); })) {
       plan.notes.push_back("warning: --channel-filter " + job.channelFilters[r].text +
-            " sets no channel (no channel name matches, or a later pattern takes them all)");
+                           " sets no channel (no channel name matches, or a later pattern "
+                           "takes them all)");
     }
   }
   plan.dataRect = Offset(input.dataWindow, -plan.frame.originX, -plan.frame.originY);
@@ -308,16 +310,17 @@ FramePlan PlanFrame(const RenderJob& job, OutputFramePlanner& planner,
   plan.peakBytes = (job.pipelined ? 2 : 1) * 2 * plan.bufferBytes +
                    2 * WorldBytes(layerPixels, input.depth) + WorldBytes(windowPixels, input.depth);
   if (windowPixels > kLargeOutputPixels) {
-    plan.notes.push_back("warning: the output is " + std::to_string(windowPixels / 1000000) + " megapixels (" +
-          SizeText(plan.window) + ")");
+    plan.notes.push_back("warning: the output is " + std::to_string(windowPixels / 1000000) +
+                         " megapixels (" + SizeText(plan.window) + ")");
   }
   if (planned.lost > 0.0) {
     const double undoable = UndoableRadius(plan.settings, planned.back.lens);
-    plan.notes.push_back("warning: " + Percent(planned.lost) + " of the distorted frame lies beyond the " +
-          "radius the lens can invert (" + std::to_string(undoable) +
-          (plan.settings.mode == kModeApply
-               ? "); there the output repeats the edge of what it inverts"
-               : "); that part of the plate is not in the output"));
+    plan.notes.push_back("warning: " + Percent(planned.lost) +
+                         " of the distorted frame lies beyond the radius the lens can invert (" +
+                         std::to_string(undoable) +
+                         (plan.settings.mode == kModeApply
+                              ? "); there the output repeats the edge of what it inverts"
+                              : "); that part of the plate is not in the output"));
   }
   return plan;
 }

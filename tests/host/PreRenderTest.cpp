@@ -144,6 +144,7 @@ TEST_F(PreRender, FailedParameterCheckoutSkipsTheRestButChecksEverythingIn) {
   EXPECT_EQ(host->paramCheckouts().size(), 4u);
   EXPECT_EQ(host->CallCount(HostCall::CheckinParam), 9);
   EXPECT_EQ(report.checkoutLayerCalls, 0);
+  EXPECT_TRUE(report.checkoutIndex == -1 && report.checkoutId == -1);  // none: no layer
   EXPECT_TRUE(RectIs(report.output.result_rect, 1, 2, 3, 4));
   EXPECT_TRUE(RectIs(report.output.max_result_rect, 5, 6, 7, 8));
   EXPECT_EQ(report.output.solid, 1);

@@ -130,6 +130,11 @@ TEST_F(HostTest, PixelAndSamplingCallbacksAnswerOnlyForTheWorldsDepthAndTheEffec
     EXPECT_EQ(f, PF_PixelFormat_ARGB64);
     EXPECT_EQ(world->PF_GetPixelFormat(nullptr, &f), PF_Err_BAD_CALLBACK_PARAM);
     EXPECT_EQ(world->PF_GetPixelFormat(pb.src, nullptr), PF_Err_BAD_CALLBACK_PARAM);
+    PF_EffectWorld made{};  // a world with no pixels on either side is refused
+    for (const auto& [w, h] : {std::pair{0, 5}, std::pair{5, 0}, std::pair{-1, 5}}) {
+      EXPECT_EQ(world->PF_NewWorld(in->effect_ref, w, h, 1, PF_PixelFormat_ARGB32, &made),
+                PF_Err_BAD_CALLBACK_PARAM) << w << "x" << h;
+    }
     auto* s16 = Acquire<PF_Sampling16Suite1>(in, "PF Sampling16 Suite");
     PF_Pixel16 out{};
     EXPECT_EQ(s16->subpixel_sample16(in->effect_ref, 0x18000, 0x10000, &pb, &out), 0);

@@ -177,6 +177,9 @@ TEST(OutputSafety, AKilledWritersTemporaryFileIsRemovedByTheNextRun) {
   const std::string stale = like("STALE1", ""), live = like("LIVE01", ""),
                     elsewhere = like("STALE2", "farm-node-7");
   Write(dir / ".o.1009.exr.Ab12Cd.exr", "");  // not named as the tool names its files
+  std::string noPid = name;  // nor without the writer's process number
+  noPid.replace(at, pid.size(), "--");
+  Write(dir / noPid, "");
   const int held = open(live.c_str(), O_RDWR | O_CLOEXEC);
   struct flock lock {};
   lock.l_type = F_WRLCK;
@@ -187,5 +190,7 @@ TEST(OutputSafety, AKilledWritersTemporaryFileIsRemovedByTheNextRun) {
   EXPECT_FALSE(fs::exists(stale));
   EXPECT_TRUE(fs::exists(live));
   EXPECT_TRUE(fs::exists(elsewhere));
-  EXPECT_TRUE(fs::exists(dir / ".o.1009.exr.Ab12Cd.exr"));
+  EXPECT_TRUE(fs::exists(dir / ".o.1009.exr.Ab12Cd.exr") && fs::exists(dir / noPid));
+  // The longest name a folder takes still has room for its temporary file's.
+  RunOk({"render", dir / "x.1.png", dir / (std::string(251, 'n') + ".png")});
 }

@@ -9,6 +9,7 @@
 
 #include "../CliTestSupport.h"
 #include "cli/solve/PlumbLine.h"
+#include "cli/solve/Report.h"
 
 namespace {
 
@@ -122,6 +123,9 @@ TEST(Solve, SyntheticBoardsGiveBackTheLensTheyWereRenderedWith) {
     const double error =
         RmsDistance(RemoveMap(dir, c.lens), RemoveMap(dir, {"--lens", dir / "solved.json"}));
     EXPECT_LT(error, 0.1) << c.name << ":\n" << r.out;
+    std::smatch m;  // the lens's own centre, found again within pixels when the fit may move it
+    ASSERT_TRUE(std::regex_search(r.out, m, std::regex(", ([0-9.]+) px from the effect's centre")));
+    EXPECT_LT(std::stod(m[1]), 3.0) << c.name << m[0];
   }
 }
 
@@ -211,6 +215,41 @@ TEST(Solve, ChartBoardIsFoundFlatWithItsCount) {
   EXPECT_NE(ch.out.find("ch.png: 24 corners"), std::string::npos) << ch.out;
   EXPECT_NE(ch.out.find("part.png: 16 corners"), std::string::npos) << ch.out;
   EXPECT_FALSE(fs::exists(dir / "c.png"));
+}
+
+// The lens curve of --report: axes from the origin, the identity dashed up to the plot's end,
+// the frame corner's radius and the curve, each where its radii put it. The plot spans
+// u and r to 1.25 corner radii in 528 x 368 pixels inside 56-pixel margins.
+TEST(Solve, TheLensCurvePictureIsDrawnToScale) {
+  namespace sv = veltrisca::solve;
+  sv::Solution s;
+  s.frame = sv::SolveFrame{1920, 1080, 1};
+  s.lens = sv::RadialLens{-0.05, 0, 0, 960, 540};
+  ScratchDir dir;
+  sv::WritePictures(dir / "r", s, {});
+  const Image img = ReadImage(dir / "r/radial.png");
+  const double corner = s.frame.CornerRadius(), end = 1.25 * corner;
+  const auto drawn = [&](double u, double r, std::array<float, 3> colour) {
+    const int x = int(std::lround(56 + u / end * 528)), y = int(std::lround(424 - r / end * 368));
+    for (int j = y - 1; j <= y + 1; ++j) {
+      for (int i = x - 1; i <= x + 1; ++i) {
+        const float* p = &img.pixels[(size_t(j) * img.width + i) * 3];
+        if (std::fabs(p[0] - colour[0]) + std::fabs(p[1] - colour[1]) +
+                std::fabs(p[2] - colour[2]) < 0.02) {
+          return true;
+        }
+      }
+    }
+    return false;
+  };
+  const std::array<float, 3> axis{0, 0, 0}, white{1, 1, 1}, grey{.6f, .6f, .6f};
+  EXPECT_TRUE(drawn(end / 2, 0, axis) && drawn(0, end / 2, axis));
+  EXPECT_TRUE(drawn(end * 36.5 / 40, end * 36.5 / 40, grey));  // a dash of the identity
+  for (double u : {37.5, 40.5}) EXPECT_FALSE(drawn(end * u / 40, end * u / 40, grey)) << u;
+  EXPECT_TRUE(drawn(end * 40.5 / 40, end * 40.5 / 40, white));
+  EXPECT_TRUE(drawn(corner, end / 2, {.1f, .6f, .2f}));
+  const double u = 0.75 * end;
+  EXPECT_TRUE(drawn(u, u * (1 - 0.05 * u * u), {.1f, .3f, .9f}));
 }
 
 // Bad input: one line, the exit code, and nothing written; a photo without the board is named
