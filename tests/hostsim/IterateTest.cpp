@@ -145,6 +145,21 @@ TEST_F(IterateTest, RunsRowsAtTheSameTimeOnSeveralThreads) {
   EXPECT_EQ(host.lastIterate().threadsUsed, 3);
 }
 
+// An iterate called from inside another (the effect's row threads calling the suite) runs
+// on the calling thread alone instead of waiting for the pool it is part of.
+TEST(ThreadPool, ARunInsideAJobStaysOnItsThread) {
+  hostsim::ThreadPool pool(1);
+  std::atomic<int> inner{0};
+  pool.Run(2, [&] {
+    const std::thread::id self = std::this_thread::get_id();
+    pool.Run(2, [&] {
+      EXPECT_EQ(std::this_thread::get_id(), self);
+      ++inner;
+    });
+  });
+  EXPECT_EQ(inner.load(), 2);
+}
+
 TEST_F(IterateTest, RefusesMismatchedDepthsAndInjectedFailuresWithoutCalling) {
   World dst8(Depth::k8, 4, 4);
   Visits v(&host.inData());

@@ -185,15 +185,15 @@ TEST(Solve, LinesGiveTheLensBack) {
   }
 }
 
-// The board of chart --board is found, flat, in 8-bit, 16-bit and scene-linear float photos
-// (the float one four times brighter than white), and through a frame pattern.
+// The board of chart --board is found, flat, in 8-bit, 16-bit and scene-linear half photos
+// (the half one four times brighter than white), and through a frame pattern.
 TEST(Solve, ChartBoardIsFoundFlatWithItsCount) {
   ScratchDir dir;
   RunOk(Split("chart --board 9x6 --size 640x480 OUT", "", dir / "b.png"));
   const Image b = ReadImage(dir / "b.png");
   std::vector<float> bright(b.pixels);
   for (float& v : bright) v *= 4;
-  WriteImage(dir / "b.1001.exr", 640, 480, 4, OIIO::TypeDesc::FLOAT, OIIO::TypeDesc::FLOAT,
+  WriteImage(dir / "b.1001.exr", 640, 480, 4, OIIO::TypeDesc::HALF, OIIO::TypeDesc::FLOAT,
              bright.data());
   WriteImage(dir / "b16.tif", 640, 480, 4, OIIO::TypeDesc::UINT16, OIIO::TypeDesc::FLOAT,
              b.pixels.data());

@@ -122,6 +122,8 @@ TEST(StMap, RefusalsLeaveNoFile) {
       {{"stmap", dir / "map.png"}, 1, "(.exr)"},
       {{"stmap", "m"}, 1, "(.exr)"},  // a name too short to end in .exr
       {{"stmap", dir / "map.exr", "--both", "--undistorted-size", "2000x1120"}, 1, "differ"},
+      // an odd margin: the frames differ in their right edges alone
+      {{"stmap", dir / "map.exr", "--both", "--undistorted-size", "1921x1080"}, 1, "differ"},
       {{"stmap", dir / "map.exr", "--like", dir / "none.exr"}, 2, "none.exr"},
   };
   for (const auto& r : refusals) {
