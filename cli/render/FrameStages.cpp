@@ -155,23 +155,17 @@ constexpr long long kLargeOutputPixels = 100000000;
 
 constexpr const char* kChannelFiltersKey = "veltrisca:channelFilters";
 
-// The channel filters an output records: none when every channel takes the lens's filter.
-std::string RecordedFilters(const RenderJob& job, const OutputLayout& layout,
-                            const std::vector<ChannelFilter>& filters, int lensFilter) {
-  if (std::all_of(filters.begin(), filters.end(),
-                  [&](const ChannelFilter& f) { return f.filter == lensFilter; })) {
-    return std::string();
-  }
-  return ChannelFiltersText(layout.names, filters, job.channelFilters, false);
-}
-
 // What the output's header adds to the input's (FramePlan::header).
 OIIO::ParamValueList OutputHeader(const RenderJob& job, const FramePlan& plan) {
   OIIO::ParamValueList header;
   header.attribute("Software", "veltrisca " + VersionText());
-  const std::string filters =
-      RecordedFilters(job, plan.layout, plan.channelFilters, plan.settings.filter);
-  if (!filters.empty()) header.attribute(kChannelFiltersKey, filters);
+  // The channel filters, recorded unless every channel takes the lens's filter.
+  const std::vector<ChannelFilter>& filters = plan.channelFilters;
+  if (std::any_of(filters.begin(), filters.end(),
+                  [&](const ChannelFilter& f) { return f.filter != plan.settings.filter; })) {
+    header.attribute(kChannelFiltersKey,
+                     ChannelFiltersText(plan.layout.names, filters, job.channelFilters, false));
+  }
   if (plan.stretch == 1) {
     RecordLens(plan.settings, plan.sizes, &header);
     return header;
